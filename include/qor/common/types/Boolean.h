@@ -1,0 +1,24 @@
+// The foundation's boolean value type, converting to and from bool.
+// A plain value: usable from any thread.
+#ifndef QOR_COMMON_TYPES_BOOLEAN_H
+#define QOR_COMMON_TYPES_BOOLEAN_H
+
+namespace qor {
+namespace common {
+namespace types {
+
+class Boolean
+{
+public:
+    constexpr Boolean(bool value = false) noexcept : m_Value(value) {}
+    constexpr operator bool() const noexcept { return m_Value; }
+
+private:
+    bool m_Value;
+};
+
+} // namespace types
+} // namespace common
+} // namespace qor
+
+#endif

@@ -1,0 +1,255 @@
+#include "qor/common/logging/Logger.h"
+
+#include "qor/common/system/CurrentThreadId.h"
+
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <map>
+#include <mutex>
+
+namespace qor {
+namespace common {
+namespace logging {
+
+namespace {
+
+std::uint64_t wallClockMicros() noexcept
+{
+    timespec ts{};
+    ::clock_gettime(CLOCK_REALTIME, &ts);
+    return static_cast<std::uint64_t>(ts.tv_sec) * 1000000u + static_cast<std::uint64_t>(ts.tv_nsec) / 1000u;
+}
+
+// Writes all of `data` to standard error, retrying short writes.
+void writeAllToStderr(const std::string& data) noexcept
+{
+    const char* p = data.data();
+    std::size_t left = data.size();
+    while (left > 0)
+    {
+        const ssize_t n = ::write(STDERR_FILENO, p, left);
+        if (n < 0)
+        {
+            if (errno == EINTR)
+            {
+                continue;
+            }
+            return;
+        }
+        p += n;
+        left -= static_cast<std::size_t>(n);
+    }
+}
+
+class StderrSink final : public ILogSink
+{
+public:
+    void write(const LogRecord& record) override
+    {
+        char prefix[128];
+        const time_t seconds = static_cast<time_t>(record.timestampMicros / 1000000u);
+        tm local{};
+        ::localtime_r(&seconds, &local);
+        const int n = std::snprintf(prefix, sizeof prefix, "%04d-%02d-%02d %02d:%02d:%02d.%06u %-7s [%llu] ",
+                                    local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour,
+                                    local.tm_min, local.tm_sec,
+                                    static_cast<unsigned>(record.timestampMicros % 1000000u),
+                                    LogLevel::toString(record.level),
+                                    static_cast<unsigned long long>(record.threadId));
+        std::string head(prefix, n > 0 ? static_cast<std::size_t>(n) : 0u);
+        head += record.loggerName;
+        head += ": ";
+
+        // One line per line of the record; all of it in one write under the
+        // lock so that records of different threads never interleave.
+        std::string out;
+        out.reserve(record.text.size() + head.size() * 2);
+        const std::string& text = record.text;
+        std::size_t start = 0;
+        do
+        {
+            std::size_t end = text.find('\n', start);
+            if (end == std::string::npos)
+            {
+                end = text.size();
+            }
+            out += head;
+            out.append(text, start, end - start);
+            out += '\n';
+            start = end + 1;
+        } while (start < text.size());
+
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        writeAllToStderr(out);
+    }
+
+private:
+    std::mutex m_Mutex;
+};
+
+// Process-wide logging state. Created on first use and never destroyed, so
+// that loggers keep working while static objects are destroyed at exit.
+struct LoggingState
+{
+    std::mutex sinkMutex;
+    std::shared_ptr<ILogSink> defaultSink = std::make_shared<StderrSink>();
+    std::shared_ptr<ILogSink> sink = defaultSink;
+
+    std::mutex thresholdMutex;
+    LogLevel::logLevel defaultThreshold = LogLevel::Info;
+    std::map<std::string, LogLevel::logLevel> prefixThresholds;
+    std::atomic<std::uint32_t> generation{1};
+
+    std::shared_ptr<ILogSink> currentSink()
+    {
+        std::lock_guard<std::mutex> lock(sinkMutex);
+        return sink;
+    }
+
+    // Caller holds thresholdMutex.
+    LogLevel::logLevel thresholdFor(const std::string& name) const
+    {
+        LogLevel::logLevel result = defaultThreshold;
+        std::size_t bestLength = 0;
+        bool found = false;
+        for (const auto& entry : prefixThresholds)
+        {
+            const std::string& prefix = entry.first;
+            const bool matches = name.compare(0, prefix.size(), prefix) == 0 &&
+                                 (name.size() == prefix.size() || name[prefix.size()] == '.');
+            if (matches && (!found || prefix.size() > bestLength))
+            {
+                result = entry.second;
+                bestLength = prefix.size();
+                found = true;
+            }
+        }
+        return result;
+    }
+};
+
+LoggingState& state()
+{
+    static LoggingState* s_State = new LoggingState();
+    return *s_State;
+}
+
+} // namespace
+
+const char* LogLevel::toString(logLevel level) noexcept
+{
+    switch (level)
+    {
+    case Trace: return "TRACE";
+    case Debug: return "DEBUG";
+    case Info: return "INFO";
+    case Warning: return "WARNING";
+    case Error: return "ERROR";
+    case Fatal: return "FATAL";
+    }
+    return "LEVEL?";
+}
+
+ILogSink::~ILogSink() = default;
+
+void setLogSink(std::shared_ptr<ILogSink> sink)
+{
+    LoggingState& s = state();
+    std::lock_guard<std::mutex> lock(s.sinkMutex);
+    s.sink = sink ? std::move(sink) : s.defaultSink;
+}
+
+ScopedLogger::ScopedLogger(const Logger& logger, LogLevel::logLevel level)
+    : m_Logger(&logger), m_Level(level), m_Enabled(logger.isEnabled(level))
+{
+    if (m_Enabled)
+    {
+        m_Stream.reset(new std::ostringstream());
+        *m_Stream << std::boolalpha;
+    }
+}
+
+ScopedLogger::ScopedLogger(ScopedLogger&& other) noexcept
+    : m_Logger(other.m_Logger), m_Level(other.m_Level), m_Enabled(other.m_Enabled),
+      m_Stream(std::move(other.m_Stream))
+{
+    other.m_Enabled = false;
+}
+
+ScopedLogger::~ScopedLogger()
+{
+    if (!m_Enabled || !m_Stream)
+    {
+        return;
+    }
+    try
+    {
+        LogRecord record{m_Logger->getName(), m_Level, m_Stream->str(),
+                         system::detail::currentKernelThreadId(), wallClockMicros()};
+        std::shared_ptr<ILogSink> sink = state().currentSink();
+        sink->write(record);
+    }
+    catch (...)
+    {
+        // A failing sink must not take the logging code down with it.
+    }
+}
+
+Logger::Logger(const std::string& name) : m_Name(name), m_CachedThreshold(0)
+{
+}
+
+Logger::~Logger() = default;
+
+bool Logger::isEnabled(LogLevel::logLevel level) const
+{
+    return level >= threshold();
+}
+
+LogLevel::logLevel Logger::threshold() const
+{
+    LoggingState& s = state();
+    const std::uint64_t generation = s.generation.load(std::memory_order_acquire);
+    const std::uint64_t cached = m_CachedThreshold.load(std::memory_order_relaxed);
+    if ((cached >> 32) == generation)
+    {
+        return static_cast<LogLevel::logLevel>(cached & 0xFFFFFFFFu);
+    }
+    std::lock_guard<std::mutex> lock(s.thresholdMutex);
+    const std::uint64_t current = s.generation.load(std::memory_order_relaxed);
+    const LogLevel::logLevel level = s.thresholdFor(m_Name);
+    m_CachedThreshold.store((current << 32) | static_cast<std::uint32_t>(level), std::memory_order_relaxed);
+    return level;
+}
+
+void Logger::setDefaultThreshold(LogLevel::logLevel level)
+{
+    LoggingState& s = state();
+    std::lock_guard<std::mutex> lock(s.thresholdMutex);
+    s.defaultThreshold = level;
+    s.generation.fetch_add(1, std::memory_order_acq_rel);
+}
+
+void Logger::setThreshold(const std::string& namePrefix, LogLevel::logLevel level)
+{
+    LoggingState& s = state();
+    std::lock_guard<std::mutex> lock(s.thresholdMutex);
+    s.prefixThresholds[namePrefix] = level;
+    s.generation.fetch_add(1, std::memory_order_acq_rel);
+}
+
+void Logger::resetThresholds()
+{
+    LoggingState& s = state();
+    std::lock_guard<std::mutex> lock(s.thresholdMutex);
+    s.prefixThresholds.clear();
+    s.defaultThreshold = LogLevel::Info;
+    s.generation.fetch_add(1, std::memory_order_acq_rel);
+}
+
+} // namespace logging
+} // namespace common
+} // namespace qor

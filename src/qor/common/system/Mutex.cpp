@@ -1,0 +1,64 @@
+#include "qor/common/system/Mutex.h"
+
+#include <cassert>
+#include <cerrno>
+#include <system_error>
+
+namespace qor {
+namespace common {
+namespace system {
+
+Mutex::Mutex()
+{
+    const int rc = ::pthread_mutex_init(&m_Mutex, nullptr);
+    if (rc != 0)
+    {
+        throw std::system_error(rc, std::generic_category(), "pthread_mutex_init");
+    }
+}
+
+Mutex::~Mutex()
+{
+    ::pthread_mutex_destroy(&m_Mutex);
+}
+
+bool Mutex::lock(Mode mode)
+{
+    if (mode == NoWait)
+    {
+        return ::pthread_mutex_trylock(&m_Mutex) == 0;
+    }
+    const int rc = ::pthread_mutex_lock(&m_Mutex);
+    assert(rc == 0);
+    (void)rc;
+    return true;
+}
+
+void Mutex::unlock()
+{
+    ::pthread_mutex_unlock(&m_Mutex);
+}
+
+MutexGuard::MutexGuard(Mutex& mutex) : m_Mutex(mutex), m_Locked(false)
+{
+    m_Mutex.lock(Mutex::Wait);
+    m_Locked = true;
+}
+
+MutexGuard::~MutexGuard()
+{
+    unlock();
+}
+
+void MutexGuard::unlock()
+{
+    if (m_Locked)
+    {
+        m_Locked = false;
+        m_Mutex.unlock();
+    }
+}
+
+} // namespace system
+} // namespace common
+} // namespace qor

@@ -1,0 +1,124 @@
+// A log sink that records every record, for tests that check log output.
+//
+//   auto sink = RecordingLogSink::install();   // restores the default sink when destroyed
+//   ... code under test ...
+//   EXPECT_TRUE(sink->waitFor([](const LogRecord& r) { return r.text == "started.\n"; }));
+#ifndef QOR_TESTS_SUPPORT_RECORDINGLOGSINK_H
+#define QOR_TESTS_SUPPORT_RECORDINGLOGSINK_H
+
+#include "qor/common/logging/Logger.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace qor {
+namespace test {
+
+class RecordingLogSink : public common::logging::ILogSink
+{
+public:
+    using LogRecord = common::logging::LogRecord;
+
+    // Installs a new recording sink for the whole process.
+    class Installation
+    {
+    public:
+        Installation() : m_Sink(std::make_shared<RecordingLogSink>()) { common::logging::setLogSink(m_Sink); }
+        ~Installation() { common::logging::setLogSink(nullptr); }
+        RecordingLogSink* operator->() const { return m_Sink.get(); }
+        RecordingLogSink& operator*() const { return *m_Sink; }
+
+    private:
+        std::shared_ptr<RecordingLogSink> m_Sink;
+    };
+
+    static std::unique_ptr<Installation> install() { return std::make_unique<Installation>(); }
+
+    void write(const LogRecord& record) override
+    {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        m_Records.push_back(record);
+        m_Changed.notify_all();
+    }
+
+    std::vector<LogRecord> records() const
+    {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        return m_Records;
+    }
+
+    // Records of one logger, in arrival order.
+    std::vector<LogRecord> recordsOf(const std::string& loggerName) const
+    {
+        std::vector<LogRecord> result;
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        for (const LogRecord& r : m_Records)
+        {
+            if (r.loggerName == loggerName)
+            {
+                result.push_back(r);
+            }
+        }
+        return result;
+    }
+
+    // Texts of one logger's records, in arrival order.
+    std::vector<std::string> textsOf(const std::string& loggerName) const
+    {
+        std::vector<std::string> result;
+        for (const LogRecord& r : recordsOf(loggerName))
+        {
+            result.push_back(r.text);
+        }
+        return result;
+    }
+
+    std::size_t count(const std::function<bool(const LogRecord&)>& match) const
+    {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        std::size_t n = 0;
+        for (const LogRecord& r : m_Records)
+        {
+            n += match(r) ? 1u : 0u;
+        }
+        return n;
+    }
+
+    // Waits until a record matches; false when `timeout` passes first.
+    bool waitFor(const std::function<bool(const LogRecord&)>& match,
+                 std::chrono::milliseconds timeout = std::chrono::seconds(10)) const
+    {
+        std::unique_lock<std::mutex> lock(m_Mutex);
+        return m_Changed.wait_for(lock, timeout, [&] {
+            for (const LogRecord& r : m_Records)
+            {
+                if (match(r))
+                {
+                    return true;
+                }
+            }
+            return false;
+        });
+    }
+
+    void clear()
+    {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        m_Records.clear();
+    }
+
+private:
+    mutable std::mutex m_Mutex;
+    mutable std::condition_variable m_Changed;
+    std::vector<LogRecord> m_Records;
+};
+
+} // namespace test
+} // namespace qor
+
+#endif
