@@ -1,0 +1,35 @@
+# Shared by the scripts: installs the Debian packages the build needs when
+# one is missing. Sourced, not run.
+
+QOR_DEBIAN_PACKAGES=(
+  build-essential cmake ninja-build pkg-config python3
+  libboost-system-dev libboost-dev
+  libgtest-dev libgmock-dev
+  nlohmann-json3-dev
+)
+
+qor_missing_packages() {
+  local pkg missing=()
+  for pkg in "${QOR_DEBIAN_PACKAGES[@]}" "$@"; do
+    if ! dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q "install ok installed"; then
+      missing+=("$pkg")
+    fi
+  done
+  echo "${missing[@]}"
+}
+
+qor_ensure_packages() {
+  local missing
+  missing=$(qor_missing_packages "$@")
+  if [ -z "$missing" ]; then
+    return 0
+  fi
+  echo "Installing missing packages: $missing"
+  local sudo=""
+  if [ "$(id -u)" -ne 0 ]; then
+    sudo="sudo"
+  fi
+  $sudo apt-get update -qq
+  # shellcheck disable=SC2086
+  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends $missing
+}
