@@ -1,0 +1,265 @@
+#include "qor/nav/sdk/utils/synchronization/FunctionExecutionSchedulerImpl.h"
+
+#include "qor/common/errors/IllegalStateException.h"
+#include "qor/common/logging/LogLevel.h"
+#include "qor/common/system/Clock.h"
+
+#include <exception>
+#include <utility>
+
+namespace qor {
+namespace nav {
+namespace sdk {
+namespace utils {
+namespace synchronization {
+
+using qor::common::errors::IllegalStateException;
+using qor::common::logging::LogLevel;
+using qor::common::system::Clock;
+using qor::common::system::MutexGuard;
+
+namespace {
+
+// The name every non-null function is logged under: the type name of
+// Function*, the same for all functions. Existing log filters match on it.
+const char* const kFunctionLogName = "PN3qor3nav3sdk5utils15synchronization8FunctionE";
+
+// Run times from this many milliseconds up get a duration line.
+const std::uint32_t kSlowExecutionMs = 100;
+
+} // namespace
+
+FunctionExecutionSchedulerImpl::FunctionExecutionSchedulerImpl(const std::string& name,
+                                                               std::shared_ptr<Strategy> strategy,
+                                                               unsigned int watchdogArg1, unsigned int watchdogArg2)
+    : Thread(name, nullptr), m_logger("qor.nav.sdk.utils.FunctionExecutionScheduler." + name),
+      m_stopRequested(false), m_mutex(), m_currentFunctionExecutionId(0), m_condVar(),
+      m_watchdog(name + "Watchdog", watchdogArg1, watchdogArg2), m_nextFunctionExecutionId(1),
+      m_strategy(std::move(strategy))
+{
+    m_watchdog.pause();
+}
+
+FunctionExecutionSchedulerImpl::~FunctionExecutionSchedulerImpl()
+{
+    // The destructor is noexcept: an exception from shutdown() ends the process.
+    shutdown();
+}
+
+void FunctionExecutionSchedulerImpl::shutdown()
+{
+    {
+        MutexGuard guard(m_mutex);
+        m_stopRequested = true;
+        // Queued records and their functions go here, with the mutex held.
+        m_strategy.reset();
+    }
+    m_condVar.signal();
+    // Returns at once when called on the worker thread itself, or when the
+    // thread was never started or has been joined already.
+    join();
+}
+
+void FunctionExecutionSchedulerImpl::refreshWatchdog()
+{
+    m_watchdog.RefreshWatchDog();
+}
+
+FunctionExecutionId FunctionExecutionSchedulerImpl::scheduleExecutionImmediately(Function::shared_ptr function)
+{
+    MutexGuard guard(m_mutex);
+    const FunctionExecutionId id(m_nextFunctionExecutionId++);
+    if (m_strategy)
+    {
+        m_strategy->addFunctionExecution(FunctionExecution{id, std::move(function), 0u});
+        m_condVar.signal();
+    }
+    return id;
+}
+
+FunctionExecutionId FunctionExecutionSchedulerImpl::scheduleExecutionImmediately(Function::shared_ptr function,
+                                                                                const Duration& period)
+{
+    MutexGuard guard(m_mutex);
+    const FunctionExecutionId id(m_nextFunctionExecutionId++);
+    if (m_strategy)
+    {
+        // Only the low 32 bits of the period are kept.
+        m_strategy->addFunctionExecution(
+            FunctionExecution{id, std::move(function), static_cast<std::uint32_t>(period.getValue())});
+        m_condVar.signal();
+    }
+    return id;
+}
+
+FunctionExecutionId FunctionExecutionSchedulerImpl::scheduleExecutionLater(Function::shared_ptr function,
+                                                                          const Duration& delay)
+{
+    MutexGuard guard(m_mutex);
+    const FunctionExecutionId id(m_nextFunctionExecutionId++);
+    if (m_strategy)
+    {
+        m_strategy->addFunctionExecution(FunctionExecution{id, std::move(function), 0u}, delay);
+        m_condVar.signal();
+    }
+    return id;
+}
+
+FunctionExecutionId FunctionExecutionSchedulerImpl::scheduleExecutionLater(Function::shared_ptr function,
+                                                                          const Duration& delay,
+                                                                          const Duration& period)
+{
+    MutexGuard guard(m_mutex);
+    const FunctionExecutionId id(m_nextFunctionExecutionId++);
+    if (m_strategy)
+    {
+        // Only the low 32 bits of the period are kept.
+        m_strategy->addFunctionExecution(
+            FunctionExecution{id, std::move(function), static_cast<std::uint32_t>(period.getValue())}, delay);
+        m_condVar.signal();
+    }
+    return id;
+}
+
+void FunctionExecutionSchedulerImpl::asyncRemoveFunctionExecution(const FunctionExecutionId& id)
+{
+    MutexGuard guard(m_mutex);
+    if (m_strategy)
+    {
+        m_strategy->removeFunctionExecution(id);
+    }
+}
+
+void FunctionExecutionSchedulerImpl::rescheduleFunctionExecution(const FunctionExecution& execution,
+                                                                 const Duration& delay)
+{
+    MutexGuard guard(m_mutex);
+    if (m_strategy)
+    {
+        m_strategy->addFunctionExecution(execution, delay);
+    }
+    // Also without a strategy: the loop then finds the stop request at once.
+    m_condVar.signal();
+}
+
+unsigned int FunctionExecutionSchedulerImpl::getNextAction(unsigned int& timeout, FunctionExecution& execution) noexcept
+{
+    if (m_stopRequested)
+    {
+        return Stop;
+    }
+    // Not guarded: a failing empty() ends the process.
+    if (!m_strategy || m_strategy->empty())
+    {
+        return WaitForSignal;
+    }
+    try
+    {
+        timeout = m_strategy->getTimeToNextFunctionExecution();
+        if (timeout != 0)
+        {
+            return WaitWithTimeout;
+        }
+        execution = m_strategy->getNextFunctionExecution();
+        return Execute;
+    }
+    catch (const IllegalStateException& e)
+    {
+        m_logger << LogLevel::Error << "Unexpected exception while handling getNextAction: " << e.what()
+                 << std::endl;
+    }
+    catch (...)
+    {
+        m_logger << LogLevel::Error << "Unexpected exception while handling getNextAction." << std::endl;
+    }
+    // Sleep until the next schedule, reschedule or shutdown rather than spin.
+    return WaitForSignal;
+}
+
+void FunctionExecutionSchedulerImpl::executeFunction(FunctionExecution execution)
+{
+    const char* const name = execution.function ? kFunctionLogName : "";
+    try
+    {
+        m_logger << LogLevel::Trace << "execute functionExecution " << name << " started" << std::endl;
+        const std::uint32_t start = Clock::getTickCounter();
+        if (execution.function)
+        {
+            execution.function->execute();
+        }
+        const std::uint32_t end = Clock::getTickCounter();
+        const std::uint32_t elapsed = end - start; // right across a wrap of the counter too
+        m_logger << LogLevel::Trace << "execute functionExecution " << name << " finished" << std::endl;
+        if (elapsed >= kSlowExecutionMs)
+        {
+            m_logger << LogLevel::Info << "FunctionExecution " << name << " tooks " << elapsed << std::endl;
+        }
+        if (execution.period != 0)
+        {
+            // Start to start: the run time counts against the period. Read as
+            // signed, so an overrun (or a period of 2^31 ms or more that the run
+            // time does not bring below 2^31) gives delay 0.
+            std::int32_t delay = static_cast<std::int32_t>(execution.period - elapsed);
+            if (delay < 0)
+            {
+                delay = 0;
+            }
+            rescheduleFunctionExecution(execution, Duration(static_cast<long>(delay)));
+        }
+    }
+    catch (const std::exception& e)
+    {
+        m_logger << LogLevel::Error << "Unexpected exception while handling functionExecution: " << e.what()
+                 << std::endl;
+    }
+    catch (...)
+    {
+        m_logger << LogLevel::Error << "Unexpected exception while handling functionExecution." << std::endl;
+    }
+}
+
+void FunctionExecutionSchedulerImpl::run()
+{
+    m_logger << LogLevel::Info << "started." << std::endl;
+    for (;;)
+    {
+        // Not supervised while waiting or between runs.
+        m_watchdog.pause();
+        MutexGuard guard(m_mutex);
+        m_currentFunctionExecutionId = 0;
+        unsigned int timeout = 0;
+        FunctionExecution execution;
+        const unsigned int action = getNextAction(timeout, execution);
+        if (action == Stop)
+        {
+            break;
+        }
+        switch (action)
+        {
+        case Execute:
+            m_watchdog.RefreshWatchDog();
+            m_watchdog.restart();
+            m_currentFunctionExecutionId = execution.id.getValue();
+            // The function runs without the lock, so it may use this scheduler.
+            guard.unlock();
+            executeFunction(std::move(execution));
+            break;
+        case WaitWithTimeout:
+            m_condVar.wait(m_mutex, timeout);
+            break;
+        case WaitForSignal:
+            m_condVar.wait(m_mutex);
+            break;
+        default:
+            m_logger << LogLevel::Info << "Reached unreachable code" << std::endl;
+            break;
+        }
+    }
+    m_logger << LogLevel::Info << "stopped." << std::endl;
+}
+
+} // namespace synchronization
+} // namespace utils
+} // namespace sdk
+} // namespace nav
+} // namespace qor
