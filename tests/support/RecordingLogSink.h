@@ -30,6 +30,8 @@ public:
     public:
         Installation() : m_Sink(std::make_shared<RecordingLogSink>()) { common::logging::setLogSink(m_Sink); }
         ~Installation() { common::logging::setLogSink(nullptr); }
+        Installation(const Installation&) = delete;
+        Installation& operator=(const Installation&) = delete;
         RecordingLogSink* operator->() const { return m_Sink.get(); }
         RecordingLogSink& operator*() const { return *m_Sink; }
 
@@ -37,7 +39,9 @@ public:
         std::shared_ptr<RecordingLogSink> m_Sink;
     };
 
-    static std::unique_ptr<Installation> install() { return std::make_unique<Installation>(); }
+    // Returned by value (never copied or moved), so that `sink->` reaches the
+    // recording sink directly.
+    static Installation install() { return Installation(); }
 
     void write(const LogRecord& record) override
     {

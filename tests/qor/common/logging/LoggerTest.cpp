@@ -1,0 +1,258 @@
+#include "qor/common/logging/Logger.h"
+
+#include "support/RecordingLogSink.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <map>
+#include <regex>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using qor::common::logging::ILogSink;
+using qor::common::logging::Logger;
+using qor::common::logging::LogLevel;
+using qor::common::logging::LogRecord;
+using qor::common::logging::ScopedLogger;
+using qor::test::RecordingLogSink;
+
+std::uint64_t kernelThreadId()
+{
+    return static_cast<std::uint64_t>(::syscall(SYS_gettid));
+}
+
+// Counts how often it is formatted into a stream.
+struct FormatCounter
+{
+    mutable int formatted = 0;
+};
+
+std::ostream& operator<<(std::ostream& os, const FormatCounter& counter)
+{
+    ++counter.formatted;
+    return os << "counted";
+}
+
+class LoggerTest : public ::testing::Test
+{
+protected:
+    void SetUp() override { Logger::resetThresholds(); }
+    void TearDown() override { Logger::resetThresholds(); }
+};
+
+TEST_F(LoggerTest, LongestMatchingPrefixDecidesOnDottedBoundaries)
+{
+    Logger::setDefaultThreshold(LogLevel::Warning);
+    // Longer prefix set first, so that the result cannot come from set order.
+    Logger::setThreshold("a.b.c", LogLevel::Error);
+    Logger::setThreshold("a.b", LogLevel::Debug);
+
+    const Logger exact("a.b");
+    const Logger child("a.b.x");
+    const Logger sibling("a.bc");
+    const Logger grandChild("a.b.c.d");
+    const Logger parent("a");
+
+    EXPECT_TRUE(exact.isEnabled(LogLevel::Debug));
+    EXPECT_FALSE(exact.isEnabled(LogLevel::Trace));
+    EXPECT_TRUE(child.isEnabled(LogLevel::Debug));
+    // "a.bc" does not continue "a.b" with a dot: default threshold.
+    EXPECT_FALSE(sibling.isEnabled(LogLevel::Info));
+    EXPECT_TRUE(sibling.isEnabled(LogLevel::Warning));
+    EXPECT_FALSE(grandChild.isEnabled(LogLevel::Warning));
+    EXPECT_TRUE(grandChild.isEnabled(LogLevel::Error));
+    EXPECT_FALSE(parent.isEnabled(LogLevel::Info));
+
+    Logger::resetThresholds();
+    EXPECT_FALSE(exact.isEnabled(LogLevel::Debug));
+    EXPECT_TRUE(exact.isEnabled(LogLevel::Info));
+    EXPECT_FALSE(grandChild.isEnabled(LogLevel::Debug));
+}
+
+TEST_F(LoggerTest, ThresholdChangesReachLoggersThatAlreadyLogged)
+{
+    auto sink = RecordingLogSink::install();
+    static Logger log("qor.test.cached");
+
+    log << LogLevel::Debug << "before" << std::endl;   // caches Info
+    Logger::setThreshold("qor.test", LogLevel::Debug);
+    log << LogLevel::Debug << "after" << std::endl;
+    Logger::setDefaultThreshold(LogLevel::Fatal);      // the prefix still wins
+    log << LogLevel::Debug << "prefix wins" << std::endl;
+    Logger::resetThresholds();
+    log << LogLevel::Debug << "reset" << std::endl;
+
+    EXPECT_THAT(sink->textsOf("qor.test.cached"), ::testing::ElementsAre("after\n", "prefix wins\n"));
+}
+
+TEST_F(LoggerTest, DisabledRecordFormatsNothingAndReachesNoSink)
+{
+    auto sink = RecordingLogSink::install();
+    const Logger log("qor.test.disabled");
+    FormatCounter counter;
+
+    {
+        ScopedLogger record = log << LogLevel::Debug;
+        EXPECT_FALSE(record.isEnabled());
+        EXPECT_EQ(nullptr, record.stream());
+        record << counter << 42 << std::string("text") << std::endl;
+    }
+    EXPECT_EQ(0, counter.formatted);
+    EXPECT_TRUE(sink->records().empty());
+
+    log << LogLevel::Info << counter << std::endl;
+    EXPECT_EQ(1, counter.formatted);
+    EXPECT_THAT(sink->textsOf("qor.test.disabled"), ::testing::ElementsAre("counted\n"));
+}
+
+TEST_F(LoggerTest, RecordCarriesExactTextLevelNameAndThread)
+{
+    auto sink = RecordingLogSink::install();
+    const Logger log("qor.test.record");
+    const void* pointer = reinterpret_cast<const void*>(0x1234);
+    std::ostringstream expectedPointer;
+    expectedPointer << pointer;
+
+    log << LogLevel::Warning << "n=" << 42u << " m=" << -7 << " " << true << "/" << false << " p=" << pointer
+        << std::endl
+        << std::string("second line") << std::endl;
+    log << LogLevel::Error << "no line end";
+
+    const std::vector<LogRecord> records = sink->recordsOf("qor.test.record");
+    ASSERT_EQ(2u, records.size());
+    EXPECT_EQ("n=42 m=-7 true/false p=" + expectedPointer.str() + "\nsecond line\n", records[0].text);
+    EXPECT_EQ(LogLevel::Warning, records[0].level);
+    EXPECT_EQ(kernelThreadId(), records[0].threadId);
+    EXPECT_NE(0u, records[0].timestampMicros);
+    EXPECT_EQ("no line end", records[1].text);
+    EXPECT_EQ(LogLevel::Error, records[1].level);
+}
+
+TEST_F(LoggerTest, MovedFromRecordDeliversNothing)
+{
+    auto sink = RecordingLogSink::install();
+    const Logger log("qor.test.moved");
+    {
+        ScopedLogger first = log << LogLevel::Info;
+        first << "part one, ";
+        ScopedLogger second(std::move(first));
+        EXPECT_FALSE(first.isEnabled());
+        first << "lost";
+        second << "part two" << std::endl;
+    }
+    EXPECT_THAT(sink->textsOf("qor.test.moved"), ::testing::ElementsAre("part one, part two\n"));
+}
+
+class ThrowingSink : public ILogSink
+{
+public:
+    void write(const LogRecord&) override
+    {
+        ++calls;
+        throw std::runtime_error("sink failed");
+    }
+    std::atomic<int> calls{0};
+};
+
+TEST_F(LoggerTest, FailingSinkDoesNotThrowIntoTheCaller)
+{
+    auto sink = std::make_shared<ThrowingSink>();
+    qor::common::logging::setLogSink(sink);
+    const Logger log("qor.test.throwing");
+    EXPECT_NO_THROW(log << LogLevel::Error << "lost" << std::endl);
+    qor::common::logging::setLogSink(nullptr);
+    EXPECT_EQ(1, sink->calls.load());
+}
+
+TEST_F(LoggerTest, RecordsFromManyThreadsArriveWholeAndOnce)
+{
+    auto sink = RecordingLogSink::install();
+    static Logger log("qor.test.concurrent");
+    constexpr int kThreads = 4;
+    constexpr int kRecords = 500;
+
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t)
+    {
+        threads.emplace_back([t] {
+            for (int r = 0; r < kRecords; ++r)
+            {
+                // Several insertions and two lines per record, so that merged
+                // or torn records would show.
+                log << LogLevel::Info << "thread " << t << " record " << r << std::endl
+                    << "  tail " << t << "/" << r << std::endl;
+            }
+        });
+    }
+    // Thresholds change meanwhile; Info stays enabled throughout.
+    for (int i = 0; i < 200; ++i)
+    {
+        Logger::setThreshold("qor.test.other" + std::to_string(i % 5), LogLevel::Trace);
+    }
+    for (std::thread& thread : threads)
+    {
+        thread.join();
+    }
+
+    const std::vector<LogRecord> records = sink->recordsOf("qor.test.concurrent");
+    ASSERT_EQ(static_cast<std::size_t>(kThreads * kRecords), records.size());
+    const std::regex shape("thread ([0-9]+) record ([0-9]+)\n  tail ([0-9]+)/([0-9]+)\n");
+    std::vector<int> nextRecord(kThreads, 0);
+    std::map<int, std::uint64_t> threadIds;
+    for (const LogRecord& record : records)
+    {
+        std::smatch m;
+        ASSERT_TRUE(std::regex_match(record.text, m, shape)) << record.text;
+        const int t = std::stoi(m[1]);
+        const int r = std::stoi(m[2]);
+        ASSERT_EQ(m[1], m[3]);
+        ASSERT_EQ(m[2], m[4]);
+        ASSERT_LT(t, kThreads);
+        // Each thread's records arrive in the order it wrote them.
+        ASSERT_EQ(nextRecord[t], r);
+        ++nextRecord[t];
+        auto inserted = threadIds.emplace(t, record.threadId);
+        EXPECT_EQ(inserted.first->second, record.threadId);
+    }
+    EXPECT_EQ(static_cast<std::size_t>(kThreads), threadIds.size());
+}
+
+TEST_F(LoggerTest, DefaultSinkWritesOnePrefixedStderrLinePerRecordLine)
+{
+    qor::common::logging::setLogSink(nullptr);
+    const Logger log("qor.test.stderr");
+
+    ::testing::internal::CaptureStderr();
+    log << LogLevel::Error << "first line" << std::endl << "second line" << std::endl;
+    log << LogLevel::Warning << "unterminated";
+    log << LogLevel::Debug << "disabled" << std::endl;
+    const std::string output = ::testing::internal::GetCapturedStderr();
+
+    const std::string tid = std::to_string(kernelThreadId());
+    const std::string stamp = "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{6}";
+    const std::regex expected(stamp + " ERROR +\\[" + tid + "\\] qor\\.test\\.stderr: first line\n" + stamp +
+                              " ERROR +\\[" + tid + "\\] qor\\.test\\.stderr: second line\n" + stamp +
+                              " WARNING \\[" + tid + "\\] qor\\.test\\.stderr: unterminated\n");
+    EXPECT_TRUE(std::regex_match(output, expected)) << output;
+}
+
+TEST(LogLevelTest, NamesLevelsAndMarksUnknownValues)
+{
+    EXPECT_STREQ("TRACE", LogLevel::toString(LogLevel::Trace));
+    EXPECT_STREQ("FATAL", LogLevel::toString(LogLevel::Fatal));
+    EXPECT_STREQ("LEVEL?", LogLevel::toString(static_cast<LogLevel::logLevel>(0)));
+    EXPECT_LT(LogLevel::Trace, LogLevel::Debug);
+    EXPECT_LT(LogLevel::Error, LogLevel::Fatal);
+}
+
+} // namespace
