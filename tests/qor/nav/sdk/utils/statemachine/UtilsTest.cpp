@@ -1,0 +1,59 @@
+#include "qor/nav/sdk/utils/statemachine/Utils.h"
+
+#include "support/RecordingLogSink.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+using qor::common::logging::Logger;
+using qor::common::logging::LogLevel;
+using qor::nav::sdk::utils::statemachine::utils::logStateReact;
+using qor::nav::sdk::utils::statemachine::utils::print;
+using qor::test::RecordingLogSink;
+
+TEST(UtilsTest, PrintWritesLabelBlankAndTruthWord)
+{
+    EXPECT_EQ("isReady true", print("isReady", true));
+    EXPECT_EQ("isReady false", print("isReady", false));
+    EXPECT_EQ(" false", print("", false));
+    EXPECT_EQ("done  true", print("done ", true));
+}
+
+class LogStateReactTest : public ::testing::Test
+{
+protected:
+    void TearDown() override { Logger::resetThresholds(); }
+};
+
+TEST_F(LogStateReactTest, WritesOneTraceRecordPerReaction)
+{
+    static Logger log("qor.test.statemachine.Machine");
+    Logger::setThreshold("qor.test.statemachine", LogLevel::Trace);
+    auto sink = RecordingLogSink::install();
+
+    logStateReact(log, "Idle");
+    logStateReact(log, "");
+
+    const auto records = sink->recordsOf("qor.test.statemachine.Machine");
+    ASSERT_EQ(2u, records.size());
+    EXPECT_EQ("Idle called\n", records[0].text);
+    EXPECT_EQ(" called\n", records[1].text);
+    EXPECT_EQ(LogLevel::Trace, records[0].level);
+}
+
+TEST_F(LogStateReactTest, WritesNothingWhenTraceIsDisabled)
+{
+    static Logger log("qor.test.statemachine.Quiet");
+    Logger::setDefaultThreshold(LogLevel::Debug);
+    auto sink = RecordingLogSink::install();
+
+    logStateReact(log, "Idle");
+
+    EXPECT_TRUE(sink->records().empty());
+}
+
+} // namespace

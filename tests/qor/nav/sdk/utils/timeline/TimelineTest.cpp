@@ -1,0 +1,598 @@
+#include "qor/nav/sdk/utils/timeline/Timeline.h"
+
+#include "qor/common/system/Thread.h"
+#include "support/FunctionThread.h"
+#include "support/ManualTickSource.h"
+#include "support/TemporaryDirectory.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using qor::common::system::Thread;
+using qor::nav::sdk::utils::timeline::Timeline;
+using qor::test::FunctionThread;
+using qor::test::ManualTickSource;
+using qor::test::TemporaryDirectory;
+using Json = nlohmann::json;
+
+const std::string kHeader = "{\"displayTimeUnits\":\"ns\",\"traceEvents\":[\n";
+const std::string kTrailer = "]}";
+
+// An in-memory stream for single-stream sessions. The Timeline closes the
+// stream; text() is valid after that.
+class MemoryStream
+{
+public:
+    MemoryStream() : m_Buffer(nullptr), m_Size(0), m_Stream(::open_memstream(&m_Buffer, &m_Size)) {}
+    ~MemoryStream()
+    {
+        if (m_Stream != nullptr)
+        {
+            std::fclose(m_Stream);
+        }
+        std::free(m_Buffer);
+    }
+    MemoryStream(const MemoryStream&) = delete;
+    MemoryStream& operator=(const MemoryStream&) = delete;
+
+    // Hands the stream over (to Timeline::startSession).
+    FILE* release()
+    {
+        FILE* stream = m_Stream;
+        m_Stream = nullptr;
+        return stream;
+    }
+    std::string text() const { return m_Buffer != nullptr ? std::string(m_Buffer, m_Size) : std::string(); }
+
+private:
+    char* m_Buffer;
+    std::size_t m_Size;
+    FILE* m_Stream;
+};
+
+std::string readFile(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream content;
+    content << in.rdbuf();
+    return content.str();
+}
+
+void writeFile(const std::string& path, const std::string& content)
+{
+    std::ofstream out(path, std::ios::binary);
+    out << content;
+}
+
+std::uint64_t currentThreadId()
+{
+    return Thread::getCurrentThread().getId();
+}
+
+// The events of one document; fails the test when it is not valid JSON.
+std::vector<Json> eventsOf(const std::string& document)
+{
+    Json parsed = Json::parse(document, nullptr, false);
+    EXPECT_FALSE(parsed.is_discarded()) << "not valid JSON:\n" << document;
+    if (parsed.is_discarded() || !parsed.contains("traceEvents"))
+    {
+        return {};
+    }
+    EXPECT_EQ("ns", parsed["displayTimeUnits"]);
+    return parsed["traceEvents"].get<std::vector<Json>>();
+}
+
+std::size_t countPhase(const std::vector<Json>& events, const std::string& phase)
+{
+    std::size_t n = 0;
+    for (const Json& e : events)
+    {
+        n += e.value("ph", "") == phase ? 1u : 0u;
+    }
+    return n;
+}
+
+// Thread-name events per thread id.
+std::map<std::uint64_t, std::vector<std::string>> threadNames(const std::vector<Json>& events)
+{
+    std::map<std::uint64_t, std::vector<std::string>> names;
+    for (const Json& e : events)
+    {
+        if (e.value("ph", "") == "M" && e.value("name", "") == "thread_name")
+        {
+            names[e["tid"].get<std::uint64_t>()].push_back(e["args"]["name"].get<std::string>());
+        }
+    }
+    return names;
+}
+
+// Every E closes a B of the same thread, every B is closed, and the section
+// events carry non-decreasing time stamps in file order (they are stamped
+// under the writer's lock).
+void expectSectionsPairUp(const std::vector<Json>& events)
+{
+    std::map<std::uint64_t, long> depth;
+    long lastTimeStamp = 0;
+    for (const Json& e : events)
+    {
+        const std::string phase = e.value("ph", "");
+        if (phase != "B" && phase != "E")
+        {
+            continue;
+        }
+        const long ts = e["ts"].get<long>();
+        EXPECT_LE(lastTimeStamp, ts) << e.dump();
+        lastTimeStamp = ts;
+        long& d = depth[e["tid"].get<std::uint64_t>()];
+        d += phase == "B" ? 1 : -1;
+        ASSERT_GE(d, 0) << "unmatched end: " << e.dump();
+    }
+    for (const auto& entry : depth)
+    {
+        EXPECT_EQ(0, entry.second) << "sections left open by thread " << entry.first;
+    }
+}
+
+// Bytes the timeline counts for a finished document: everything but the
+// separating commas at line starts and the trailer. Valid for documents whose
+// sections carry no category.
+std::uint64_t countedBytesBeforeTrailer(const std::string& document)
+{
+    std::uint64_t separators = 0;
+    for (std::size_t i = 0; i + 1 < document.size(); ++i)
+    {
+        separators += (document[i] == '\n' && document[i + 1] == ',') ? 1u : 0u;
+    }
+    return document.size() - separators - kTrailer.size();
+}
+
+std::vector<std::string> partNames(const std::string& baseName, int first, int last)
+{
+    std::vector<std::string> names;
+    for (int part = first; part <= last; ++part)
+    {
+        char suffix[16];
+        std::snprintf(suffix, sizeof suffix, ".%03d", part);
+        names.push_back(baseName + suffix);
+    }
+    return names;
+}
+
+void oneSection(Timeline& timeline, const char* name = "step")
+{
+    timeline.beginSection(name, nullptr, "");
+    timeline.endSection();
+}
+
+TEST(TimelineTest, SessionWithoutTimeOrEventsIsHeaderAndTrailerOnly)
+{
+    ManualTickSource clock(5000000);
+    MemoryStream out;
+    {
+        Timeline timeline;
+        timeline.startSession(out.release());
+        clock.setNanos(5000999); // less than a microsecond later: no grid mark
+        timeline.finishSession();
+        timeline.finishSession(); // a second finish does nothing
+    }
+    EXPECT_EQ(kHeader + kTrailer, out.text());
+}
+
+TEST(TimelineTest, SessionOfOneNamedThreadHasExactBytes)
+{
+    ManualTickSource clock;
+    MemoryStream out;
+    std::uint64_t tid = 0;
+    FunctionThread::runAndJoin("RendererWithALongName", [&] {
+        tid = currentThreadId();
+        Timeline timeline;
+        clock.setMicros(5000);
+        timeline.startSession(out.release());
+        timeline.setThreadName(42, "Loader");
+        clock.setMicros(5100);
+        timeline.beginSection("frame", "gfx", "");
+        clock.setMicros(5200);
+        timeline.beginSection("layout", nullptr, ",\"args\":{\"n\":1}");
+        clock.setMicros(5300);
+        timeline.endSection();
+        clock.setMicros(5400);
+        timeline.endSection();
+        timeline.beginSection("frame", nullptr, "");
+        timeline.endSection();
+        clock.setMicros(45000);
+        timeline.finishSession();
+    });
+    const std::string t = std::to_string(tid);
+    const std::string expected =
+        kHeader +
+        R"({"pid":1,"tid":42,"ph":"M","name":"thread_name","args":{"name":"Loader"}})" "\n"
+        R"(,{"pid":1,"tid":)" + t + R"(,"ph":"M","name":"thread_name","args":{"name":"RendererWithALongName"}})" "\n"
+        R"(,{"name":"frame","ph":"B","ts":5100,"pid":1,"tid":)" + t + R"(,"cat":"gfx"})" "\n"
+        R"(,{"name":"layout","ph":"B","ts":5200,"pid":1,"tid":)" + t + R"(,"args":{"n":1}})" "\n"
+        R"(,{"ph":"E","ts":5300,"pid":1,"tid":)" + t + "}\n"
+        R"(,{"ph":"E","ts":5400,"pid":1,"tid":)" + t + "}\n"
+        R"(,{"name":"frame","ph":"B","ts":5400,"pid":1,"tid":)" + t + "}\n"
+        R"(,{"ph":"E","ts":5400,"pid":1,"tid":)" + t + "}\n"
+        R"(,{"name":"VSYNC","ph":"i","s":"t","ts":5000,"pid":1,"tid":)" + t + "}\n"
+        R"(,{"name":"VSYNC","ph":"i","s":"t","ts":5000,"pid":1,"tid":)" + t + "}\n"
+        R"(,{"name":"VSYNC","ph":"i","s":"t","ts":21666,"pid":1,"tid":)" + t + "}\n"
+        R"(,{"name":"VSYNC","ph":"i","s":"t","ts":38333,"pid":1,"tid":)" + t + "}\n" +
+        kTrailer;
+    EXPECT_EQ(expected, out.text());
+}
+
+TEST(TimelineTest, GridMarksRepeatTheStartThenFollowSixtyHertz)
+{
+    struct Case
+    {
+        std::uint64_t lengthMicros;
+        std::vector<long> offsets;
+    };
+    const std::vector<Case> cases = {
+        {0, {}},
+        {1, {0, 0}},
+        {16666, {0, 0}},
+        {16667, {0, 0, 16666}},
+        {100001, {0, 0, 16666, 33333, 50000, 66666, 83333, 100000}},
+    };
+    ManualTickSource clock;
+    for (const Case& c : cases)
+    {
+        const long start = 7000000;
+        clock.setMicros(start);
+        MemoryStream out;
+        Timeline timeline;
+        timeline.startSession(out.release());
+        clock.advanceMicros(c.lengthMicros);
+        timeline.finishSession();
+
+        std::vector<long> offsets;
+        for (const Json& e : eventsOf(out.text()))
+        {
+            EXPECT_EQ("VSYNC", e["name"]);
+            EXPECT_EQ(currentThreadId(), e["tid"].get<std::uint64_t>());
+            offsets.push_back(e["ts"].get<long>() - start);
+        }
+        EXPECT_EQ(c.offsets, offsets) << "session of " << c.lengthMicros << " us";
+    }
+}
+
+TEST(TimelineTest, StartingASessionWhileActiveClosesTheStreamOrIsIgnored)
+{
+    TemporaryDirectory dir;
+    MemoryStream first;
+    {
+        Timeline timeline;
+        timeline.startSession(first.release());
+
+        int fds[2];
+        ASSERT_EQ(0, ::pipe2(fds, O_NONBLOCK));
+        timeline.startSession(::fdopen(fds[1], "w"));
+        char byte = 0;
+        EXPECT_EQ(0, ::read(fds[0], &byte, 1)) << "the second stream must be closed at once";
+        ::close(fds[0]);
+
+        timeline.startMultipartSession((dir.path() + "/ignored.json").c_str(), 10);
+        EXPECT_TRUE(dir.entries().empty());
+
+        oneSection(timeline);
+        // The destructor finishes the session.
+    }
+    const std::string text = first.text();
+    EXPECT_EQ(0u, text.find(kHeader));
+    EXPECT_EQ(std::string::npos, text.find(kHeader, 1));
+    const std::vector<Json> events = eventsOf(text);
+    EXPECT_EQ(1u, countPhase(events, "B"));
+    EXPECT_EQ(1u, countPhase(events, "E"));
+}
+
+TEST(TimelineTest, MultipartSessionRollsOverOnlyAboveTheLimitAfterASectionEnd)
+{
+    ManualTickSource clock;
+    TemporaryDirectory measureDir;
+    TemporaryDirectory equalDir;
+    TemporaryDirectory belowDir;
+    std::uint64_t tid = 0;
+    std::string singleStream;
+
+    FunctionThread::runAndJoin("Worker", [&] {
+        tid = currentThreadId();
+        // The counted size of header, thread name, one begin and one end.
+        std::uint64_t oneCycle = 0;
+        {
+            Timeline timeline;
+            timeline.startMultipartSession((measureDir.path() + "/m.json").c_str(), 1000000);
+            oneSection(timeline);
+            timeline.finishSession();
+            oneCycle = countedBytesBeforeTrailer(readFile(measureDir.path() + "/m.json.001"));
+        }
+        // Exactly at the limit is not above it: the second section end rolls over.
+        {
+            Timeline timeline;
+            timeline.startMultipartSession((equalDir.path() + "/m.json").c_str(), oneCycle);
+            oneSection(timeline);
+            oneSection(timeline);
+            timeline.finishSession();
+        }
+        // One byte less: every section end rolls over, and the worker is named
+        // again in each part in which it begins a section. A single-stream
+        // session on the same object afterwards never rolls over.
+        {
+            Timeline timeline;
+            timeline.startMultipartSession((belowDir.path() + "/m.json").c_str(), oneCycle - 1);
+            oneSection(timeline);
+            oneSection(timeline);
+            timeline.finishSession();
+
+            MemoryStream out;
+            timeline.startSession(out.release());
+            for (int i = 0; i < 50; ++i)
+            {
+                oneSection(timeline);
+            }
+            timeline.finishSession();
+            singleStream = out.text();
+        }
+    });
+
+    const std::string empty = kHeader + kTrailer;
+    EXPECT_EQ(partNames("m.json", 1, 2), equalDir.entries());
+    EXPECT_EQ(2u, countPhase(eventsOf(readFile(equalDir.path() + "/m.json.001")), "E"));
+    EXPECT_EQ(empty, readFile(equalDir.path() + "/m.json.002"));
+
+    EXPECT_EQ(partNames("m.json", 1, 3), belowDir.entries());
+    for (const std::string& part : partNames("/m.json", 1, 2))
+    {
+        const std::vector<Json> events = eventsOf(readFile(belowDir.path() + part));
+        EXPECT_EQ(1u, countPhase(events, "B")) << part;
+        EXPECT_EQ(1u, countPhase(events, "E")) << part;
+        EXPECT_EQ((std::map<std::uint64_t, std::vector<std::string>>{{tid, {"Worker"}}}), threadNames(events)) << part;
+    }
+    EXPECT_EQ(empty, readFile(belowDir.path() + "/m.json.003"));
+
+    // A stale part number would have made the single-stream session create m.json.004.
+    EXPECT_EQ(partNames("m.json", 1, 3), belowDir.entries());
+    EXPECT_EQ(50u, countPhase(eventsOf(singleStream), "E"));
+}
+
+TEST(TimelineTest, PartFilesAreNumberedWithAtLeastThreeDigitsAndMode0664)
+{
+    TemporaryDirectory dir;
+    const std::string base = dir.path() + "/trace.json";
+    {
+        Timeline timeline;
+        timeline.startMultipartSession(base.c_str(), 0);
+        for (int i = 0; i < 999; ++i)
+        {
+            oneSection(timeline); // every section end rolls over
+        }
+        timeline.finishSession();
+    }
+    std::vector<std::string> expected = partNames("trace.json", 1, 1000);
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(expected, dir.entries());
+    EXPECT_EQ(kHeader, readFile(base + ".1000").substr(0, kHeader.size()));
+
+    const mode_t mask = ::umask(0);
+    ::umask(mask);
+    struct stat info = {};
+    ASSERT_EQ(0, ::stat((base + ".001").c_str(), &info));
+    EXPECT_EQ(0664u & ~static_cast<unsigned>(mask), info.st_mode & 0777u);
+}
+
+TEST(TimelineTest, ExistingPartFileStopsTheRecordingSilently)
+{
+    TemporaryDirectory dir;
+    const std::string base = dir.path() + "/t.json";
+    {
+        writeFile(base + ".001", "keep");
+        Timeline timeline;
+        timeline.startMultipartSession(base.c_str(), 1000);
+        oneSection(timeline);
+        timeline.finishSession();
+        EXPECT_EQ("keep", readFile(base + ".001"));
+        EXPECT_EQ(partNames("t.json", 1, 1), dir.entries());
+
+        // The object is usable for the next session.
+        MemoryStream out;
+        timeline.startSession(out.release());
+        oneSection(timeline);
+        timeline.finishSession();
+        EXPECT_EQ(1u, countPhase(eventsOf(out.text()), "E"));
+    }
+    {
+        std::remove((base + ".001").c_str());
+        writeFile(base + ".002", "keep");
+        Timeline timeline;
+        timeline.startMultipartSession(base.c_str(), 0);
+        oneSection(timeline, "recorded");
+        oneSection(timeline, "lost"); // part 2 could not be created: idle
+        timeline.finishSession();
+        EXPECT_EQ("keep", readFile(base + ".002"));
+        const std::vector<Json> events = eventsOf(readFile(base + ".001"));
+        EXPECT_EQ(1u, countPhase(events, "B"));
+        EXPECT_EQ(1u, countPhase(events, "E"));
+        EXPECT_EQ(partNames("t.json", 1, 2), dir.entries());
+    }
+}
+
+TEST(TimelineTest, PartFilesThatCannotBeCreatedLeaveTheTimelineIdle)
+{
+    TemporaryDirectory dir;
+    Timeline timeline;
+    timeline.startMultipartSession((dir.path() + "/missing/t.json").c_str(), 100);
+    timeline.setCurrentThreadNameIfNeeded();
+    for (int i = 0; i < 10; ++i)
+    {
+        oneSection(timeline);
+    }
+    timeline.finishSession();
+    EXPECT_TRUE(dir.entries().empty());
+
+    MemoryStream out;
+    timeline.startSession(out.release());
+    oneSection(timeline);
+    timeline.finishSession();
+    EXPECT_EQ(1u, countPhase(eventsOf(out.text()), "B"));
+}
+
+TEST(TimelineTest, FailingWritesDoNotHurtLaterSessions)
+{
+    FILE* full = std::fopen("/dev/full", "w");
+    if (full == nullptr)
+    {
+        GTEST_SKIP() << "/dev/full is not available";
+    }
+    Timeline timeline;
+    timeline.startSession(full);
+    for (int i = 0; i < 500; ++i) // well past the stream's buffer, so writes fail
+    {
+        timeline.beginSection("lost", "io", ",\"args\":{\"k\":0}");
+        timeline.endSection();
+    }
+    timeline.finishSession();
+
+    MemoryStream out;
+    timeline.startSession(out.release());
+    oneSection(timeline);
+    timeline.finishSession();
+    const std::vector<Json> events = eventsOf(out.text());
+    EXPECT_EQ(1u, countPhase(events, "B"));
+    EXPECT_EQ(1u, threadNames(events).size()) << "named again in the new file";
+}
+
+TEST(TimelineTest, LateSectionEndAfterFinishingAFullPartOpensTheNextPart)
+{
+    // The roll-over check of endSection() does not depend on an active
+    // session: when the last part ended above the limit (its grid marks
+    // count), a stray section end after finishSession() starts the next part.
+    ManualTickSource clock;
+    TemporaryDirectory dir;
+    const std::string base = dir.path() + "/late.json";
+    Timeline timeline;
+    timeline.startMultipartSession(base.c_str(), 1000);
+    oneSection(timeline);
+    clock.advanceMicros(1000000); // sixty grid marks: well above 1000 bytes
+    timeline.finishSession();
+    EXPECT_EQ(partNames("late.json", 1, 1), dir.entries());
+
+    timeline.endSection();
+    timeline.finishSession();
+    EXPECT_EQ(partNames("late.json", 1, 2), dir.entries());
+    EXPECT_EQ(kHeader + kTrailer, readFile(base + ".002"));
+}
+
+// Several named threads record nested sections at once; returns their ids.
+std::vector<std::uint64_t> recordFromThreads(Timeline& timeline, int threads, int sectionsPerThread)
+{
+    std::vector<std::uint64_t> ids(static_cast<std::size_t>(threads), 0);
+    std::atomic<int> ready{0};
+    std::vector<std::unique_ptr<FunctionThread>> workers;
+    for (int k = 0; k < threads; ++k)
+    {
+        workers.push_back(std::make_unique<FunctionThread>("Worker-" + std::to_string(k), [&, k] {
+            ids[static_cast<std::size_t>(k)] = currentThreadId();
+            // Start together so that the threads really contend for the writer.
+            ready.fetch_add(1);
+            while (ready.load() < threads)
+            {
+                std::this_thread::yield();
+            }
+            for (int i = 0; i < sectionsPerThread; ++i)
+            {
+                const std::string extra = ",\"args\":{\"i\":" + std::to_string(i) + "}";
+                timeline.beginSection("outer", "work", extra.c_str());
+                timeline.beginSection("inner", nullptr, "");
+                timeline.endSection();
+                timeline.endSection();
+            }
+        }));
+    }
+    for (auto& worker : workers)
+    {
+        worker->start();
+    }
+    for (auto& worker : workers)
+    {
+        worker->join();
+    }
+    return ids;
+}
+
+TEST(TimelineThreadsTest, ConcurrentThreadsWriteOneValidDocument)
+{
+    TemporaryDirectory dir;
+    const std::string path = dir.path() + "/trace.json";
+    Timeline timeline;
+    timeline.startSession(std::fopen(path.c_str(), "w"));
+    const std::vector<std::uint64_t> ids = recordFromThreads(timeline, 4, 200);
+    timeline.finishSession();
+
+    const std::vector<Json> events = eventsOf(readFile(path));
+    EXPECT_EQ(4u * 400u, countPhase(events, "B"));
+    expectSectionsPairUp(events);
+    const auto names = threadNames(events);
+    ASSERT_EQ(4u, names.size());
+    for (std::size_t k = 0; k < ids.size(); ++k)
+    {
+        EXPECT_EQ(std::vector<std::string>{"Worker-" + std::to_string(k)}, names.at(ids[k]));
+    }
+}
+
+TEST(TimelineThreadsTest, ConcurrentThreadsRollOverIntoValidParts)
+{
+    TemporaryDirectory dir;
+    const std::string base = dir.path() + "/trace.json";
+    Timeline timeline;
+    timeline.startMultipartSession(base.c_str(), 2000);
+    recordFromThreads(timeline, 4, 100);
+    timeline.finishSession();
+
+    const std::vector<std::string> entries = dir.entries();
+    ASSERT_GT(entries.size(), 2u);
+    std::vector<std::string> expected = partNames("trace.json", 1, static_cast<int>(entries.size()));
+    std::sort(expected.begin(), expected.end());
+    ASSERT_EQ(expected, entries);
+
+    // Sections may span parts, so they pair up over the whole series.
+    std::vector<Json> all;
+    for (const std::string& name : partNames("/trace.json", 1, static_cast<int>(entries.size())))
+    {
+        const std::string document = readFile(dir.path() + name);
+        EXPECT_EQ(0u, document.find(kHeader)) << name;
+        const std::vector<Json> events = eventsOf(document);
+        for (const auto& entry : threadNames(events))
+        {
+            EXPECT_EQ(1u, entry.second.size()) << name << ": thread " << entry.first << " named twice";
+        }
+        all.insert(all.end(), events.begin(), events.end());
+    }
+    EXPECT_EQ(4u * 200u, countPhase(all, "E"));
+    expectSectionsPairUp(all);
+}
+
+TEST(TimelineDeathTest, NullBaseNameIsAProgrammingError)
+{
+    Timeline timeline;
+    EXPECT_DEATH(timeline.startMultipartSession(nullptr, 10), "baseName != nullptr");
+}
+
+} // namespace
