@@ -1,5 +1,5 @@
 // Reusable doubles for scheduler tests: Functions that count, throw, block and
-// signal, a latch, a strategy that records what it is given, and a guard that
+// signal, a strategy that records what it is given, and a guard that
 // moves the tick counter.
 //
 //   auto job = std::make_shared<qor::test::CountingFunction>();
@@ -11,14 +11,16 @@
 //   ASSERT_TRUE(gate->waitUntilEntered());                  // the worker is inside execute()
 //   gate->release();
 //
-// Waits take a deadline (10 s by default) and return false when it passes, so
-// a broken scheduler fails the test instead of hanging it.
+// Waits take a deadline (kDefaultDeadline of TestSync.h by default) and return
+// false when it passes, so a broken scheduler fails the test instead of
+// hanging it.
 #ifndef QOR_TESTS_SUPPORT_TESTFUNCTIONS_H
 #define QOR_TESTS_SUPPORT_TESTFUNCTIONS_H
 
 #include "qor/common/system/Clock.h"
 #include "qor/nav/sdk/utils/synchronization/BalancedStrategy.h"
 #include "qor/nav/sdk/utils/synchronization/Function.h"
+#include "support/TestSync.h"
 
 #include <chrono>
 #include <condition_variable>
@@ -33,34 +35,7 @@
 namespace qor {
 namespace test {
 
-constexpr std::chrono::milliseconds kTestDeadline{10000};
-
-// A one-shot countdown latch.
-class Latch
-{
-public:
-    explicit Latch(int count = 1) : m_Count(count) {}
-
-    void countDown()
-    {
-        std::lock_guard<std::mutex> lock(m_Mutex);
-        if (m_Count > 0 && --m_Count == 0)
-        {
-            m_Changed.notify_all();
-        }
-    }
-
-    bool wait(std::chrono::milliseconds timeout = kTestDeadline)
-    {
-        std::unique_lock<std::mutex> lock(m_Mutex);
-        return m_Changed.wait_for(lock, timeout, [this] { return m_Count == 0; });
-    }
-
-private:
-    std::mutex m_Mutex;
-    std::condition_variable m_Changed;
-    int m_Count;
-};
+constexpr std::chrono::milliseconds kTestDeadline = kDefaultDeadline;
 
 // Runs a callback (if any) and counts finished and started runs; the count is
 // raised after the callback, so waitForRuns(n) returns once n runs are over.
