@@ -1,0 +1,271 @@
+#include "qor/common/system/Thread.h"
+
+#include "qor/common/errors/IllegalStateException.h"
+#include "support/TestSync.h"
+
+#include <gtest/gtest.h>
+
+#include <pthread.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using qor::common::errors::IllegalStateException;
+using qor::common::system::Runnable;
+using qor::common::system::Thread;
+using qor::test::Latch;
+
+std::uint64_t kernelThreadId()
+{
+    return static_cast<std::uint64_t>(::syscall(SYS_gettid));
+}
+
+std::string osNameOfCallingThread()
+{
+    char name[16] = {};
+    ::pthread_getname_np(::pthread_self(), name, sizeof name);
+    return name;
+}
+
+// A Runnable that runs a test-supplied body.
+class FunctionRunnable : public Runnable
+{
+public:
+    explicit FunctionRunnable(std::function<void()> body) : m_Body(std::move(body)) {}
+    void run() override { m_Body(); }
+
+private:
+    std::function<void()> m_Body;
+};
+
+// A Thread subclass that records what its hooks saw on the new thread.
+class RecordingThread : public Thread
+{
+public:
+    explicit RecordingThread(const std::string& name) : Thread(name, nullptr) {}
+    ~RecordingThread() override { join(); }
+
+    void preExecute() override { m_Calls += "pre,"; }
+    void run() override
+    {
+        m_Calls += "run,";
+        m_CurrentIsThis = (&Thread::getCurrentThread() == this);
+        m_IdSeen = getId();
+        m_KernelId = kernelThreadId();
+        m_OsName = osNameOfCallingThread();
+    }
+    void postExecute() override { m_Calls += "post"; }
+
+    // Read after join().
+    std::string m_Calls;
+    bool m_CurrentIsThis = false;
+    std::uint64_t m_IdSeen = 0;
+    std::uint64_t m_KernelId = 0;
+    std::string m_OsName;
+};
+
+TEST(ThreadTest, RunsHooksInOrderOnTheNewThreadWithItsIdAndCurrentThread)
+{
+    RecordingThread thread("Recorder");
+    EXPECT_EQ(0u, thread.getId());
+    EXPECT_FALSE(thread.isStarted());
+    thread.start();
+    thread.join();
+
+    EXPECT_EQ("pre,run,post", thread.m_Calls);
+    EXPECT_TRUE(thread.m_CurrentIsThis);
+    EXPECT_EQ(thread.m_KernelId, thread.m_IdSeen);
+    EXPECT_EQ(thread.m_KernelId, thread.getId());
+    EXPECT_NE(kernelThreadId(), thread.getId());
+    EXPECT_STREQ("Recorder", thread.getName());
+    EXPECT_EQ("Recorder", thread.m_OsName);
+}
+
+TEST(ThreadTest, RunsTheGivenRunnable)
+{
+    std::atomic<int> runs{0};
+    FunctionRunnable body([&] { ++runs; });
+    Thread thread("WithRunnable", &body);
+    thread.start();
+    thread.join();
+    EXPECT_EQ(1, runs.load());
+}
+
+TEST(ThreadTest, OsNameIsCutToFifteenBytesAtACharacterBoundary)
+{
+    // 15 ASCII bytes fit; the 16th byte is cut.
+    RecordingThread ascii("ABCDEFGHIJKLMNOPQRS");
+    // 14 ASCII bytes and a two-byte character spanning bytes 15 and 16: the
+    // whole character is dropped rather than half of it.
+    RecordingThread utf8("ABCDEFGHIJKLMN\xC3\xA9xyz");
+    ascii.start();
+    utf8.start();
+    ascii.join();
+    utf8.join();
+
+    EXPECT_EQ("ABCDEFGHIJKLMNO", ascii.m_OsName);
+    EXPECT_STREQ("ABCDEFGHIJKLMNOPQRS", ascii.getName());
+    EXPECT_EQ("ABCDEFGHIJKLMN", utf8.m_OsName);
+    EXPECT_STREQ("ABCDEFGHIJKLMN\xC3\xA9xyz", utf8.getName());
+}
+
+TEST(ThreadTest, SecondStartThrowsIllegalState)
+{
+    FunctionRunnable body([] {});
+    Thread thread("StartedTwice", &body);
+    thread.start();
+    EXPECT_THROW(thread.start(), IllegalStateException);
+    thread.join();
+    EXPECT_THROW(thread.start(), IllegalStateException);
+}
+
+TEST(ThreadTest, JoinIsQuietWhenNeverStartedAndWhenRepeated)
+{
+    FunctionRunnable body([] {});
+    Thread neverStarted("NeverStarted", &body);
+    neverStarted.join();
+    neverStarted.join();
+    EXPECT_FALSE(neverStarted.isStarted());
+
+    std::atomic<bool> finished{false};
+    FunctionRunnable finishing([&] { finished = true; });
+    Thread thread("JoinedTwice", &finishing);
+    thread.start();
+    thread.join();
+    EXPECT_TRUE(finished.load());
+    thread.join();
+}
+
+TEST(ThreadTest, JoinFromTheThreadItselfReturnsAndALaterJoinStillWaits)
+{
+    Latch selfJoinReturned(1);
+    std::atomic<bool> release{false};
+    std::atomic<bool> finished{false};
+    Thread* self = nullptr;
+    FunctionRunnable body([&] {
+        self->join();
+        selfJoinReturned.countDown();
+        ASSERT_TRUE(qor::test::waitUntil([&] { return release.load(); }));
+        finished = true;
+    });
+    Thread thread("SelfJoiner", &body);
+    self = &thread;
+    thread.start();
+
+    ASSERT_TRUE(selfJoinReturned.waitFor());
+    release = true;
+    thread.join();
+    // Only a join that waited for the end can see this.
+    EXPECT_TRUE(finished.load());
+}
+
+TEST(ThreadTest, ConcurrentJoinersAllWaitForTheEnd)
+{
+    Latch release(1);
+    std::atomic<bool> finished{false};
+    FunctionRunnable body([&] {
+        ASSERT_TRUE(release.waitFor());
+        finished = true;
+    });
+    Thread thread("ManyJoiners", &body);
+    thread.start();
+
+    std::atomic<int> sawFinished{0};
+    std::vector<std::thread> joiners;
+    for (int i = 0; i < 3; ++i)
+    {
+        joiners.emplace_back([&] {
+            thread.join();
+            sawFinished += finished.load() ? 1 : 0;
+        });
+    }
+    release.countDown();
+    for (std::thread& joiner : joiners)
+    {
+        joiner.join();
+    }
+    EXPECT_EQ(3, sawFinished.load());
+}
+
+TEST(ThreadTest, DestructorWaitsForARunningThread)
+{
+    Latch running(1);
+    std::atomic<bool> release{false};
+    std::atomic<bool> finished{false};
+    FunctionRunnable body([&] {
+        running.countDown();
+        ASSERT_TRUE(qor::test::waitUntil([&] { return release.load(); }));
+        finished = true;
+    });
+    {
+        Thread thread("Destroyed", &body);
+        thread.start();
+        ASSERT_TRUE(running.waitFor());
+        release = true;
+    }
+    EXPECT_TRUE(finished.load());
+}
+
+TEST(ThreadTest, CurrentThreadOfTheMainThreadIsAdoptedUnderItsOsName)
+{
+    // gtest runs tests on the main thread, whose kernel id is the process id.
+    Thread& current = Thread::getCurrentThread();
+    EXPECT_EQ(&current, &Thread::getCurrentThread());
+    EXPECT_EQ(static_cast<std::uint64_t>(::getpid()), current.getId());
+    EXPECT_EQ(osNameOfCallingThread(), current.getName());
+    EXPECT_TRUE(current.isStarted());
+    current.join(); // an adopted thread is never joined
+    EXPECT_THROW(current.start(), IllegalStateException);
+}
+
+TEST(ThreadTest, CurrentThreadOfAForeignThreadIsAdoptedUnderItsOsName)
+{
+    struct Seen
+    {
+        bool stable = false;
+        std::uint64_t id = 0;
+        std::uint64_t kernelId = 0;
+        std::string name;
+        bool lockable = false;
+    } seen;
+    std::thread foreign([&seen] {
+        ::pthread_setname_np(::pthread_self(), "foreignWorker");
+        Thread& current = Thread::getCurrentThread();
+        seen.stable = (&current == &Thread::getCurrentThread());
+        seen.id = current.getId();
+        seen.kernelId = kernelThreadId();
+        seen.name = current.getName();
+        seen.lockable = current.getMutex().lock(qor::common::system::Mutex::NoWait);
+        if (seen.lockable)
+        {
+            current.getMutex().unlock();
+        }
+    });
+    foreign.join();
+
+    EXPECT_TRUE(seen.stable);
+    EXPECT_EQ(seen.kernelId, seen.id);
+    EXPECT_EQ("foreignWorker", seen.name);
+    EXPECT_TRUE(seen.lockable);
+}
+
+TEST(ThreadDeathTest, ExceptionEscapingRunIsLoggedAndTerminates)
+{
+    EXPECT_DEATH(
+        {
+            FunctionRunnable body([] { throw IllegalStateException("boom"); });
+            Thread thread("Thrower", &body);
+            thread.start();
+            thread.join();
+        },
+        "qor\\.common\\.system\\.Thread: Thread Thrower: uncaught exception: boom");
+}
+
+} // namespace
