@@ -182,20 +182,6 @@ void oneSection(Timeline& timeline, const char* name = "step")
     timeline.endSection();
 }
 
-TEST(TimelineTest, SessionWithoutTimeOrEventsIsHeaderAndTrailerOnly)
-{
-    ManualTickSource clock(5000000);
-    MemoryStream out;
-    {
-        Timeline timeline;
-        timeline.startSession(out.release());
-        clock.setNanos(5000999); // less than a microsecond later: no grid mark
-        timeline.finishSession();
-        timeline.finishSession(); // a second finish does nothing
-    }
-    EXPECT_EQ(kHeader + kTrailer, out.text());
-}
-
 TEST(TimelineTest, SessionOfOneNamedThreadHasExactBytes)
 {
     ManualTickSource clock;
@@ -243,15 +229,15 @@ TEST(TimelineTest, GridMarksRepeatTheStartThenFollowSixtyHertz)
 {
     struct Case
     {
-        std::uint64_t lengthMicros;
+        std::uint64_t lengthNanos;
         std::vector<long> offsets;
     };
     const std::vector<Case> cases = {
-        {0, {}},
-        {1, {0, 0}},
-        {16666, {0, 0}},
-        {16667, {0, 0, 16666}},
-        {100001, {0, 0, 16666, 33333, 50000, 66666, 83333, 100000}},
+        {999, {}}, // not a whole microsecond: header and trailer only
+        {1000, {0, 0}},
+        {16666000, {0, 0}},
+        {16667000, {0, 0, 16666}},
+        {100001000, {0, 0, 16666, 33333, 50000, 66666, 83333, 100000}},
     };
     ManualTickSource clock;
     for (const Case& c : cases)
@@ -261,7 +247,7 @@ TEST(TimelineTest, GridMarksRepeatTheStartThenFollowSixtyHertz)
         MemoryStream out;
         Timeline timeline;
         timeline.startSession(out.release());
-        clock.advanceMicros(c.lengthMicros);
+        clock.setNanos(clock.nanos() + c.lengthNanos);
         timeline.finishSession();
 
         std::vector<long> offsets;
@@ -271,7 +257,11 @@ TEST(TimelineTest, GridMarksRepeatTheStartThenFollowSixtyHertz)
             EXPECT_EQ(currentThreadId(), e["tid"].get<std::uint64_t>());
             offsets.push_back(e["ts"].get<long>() - start);
         }
-        EXPECT_EQ(c.offsets, offsets) << "session of " << c.lengthMicros << " us";
+        EXPECT_EQ(c.offsets, offsets) << "session of " << c.lengthNanos << " ns";
+        if (c.offsets.empty())
+        {
+            EXPECT_EQ(kHeader + kTrailer, out.text());
+        }
     }
 }
 
@@ -398,7 +388,7 @@ TEST(TimelineTest, PartFilesAreNumberedWithAtLeastThreeDigitsAndMode0664)
     EXPECT_EQ(0664u & ~static_cast<unsigned>(mask), info.st_mode & 0777u);
 }
 
-TEST(TimelineTest, ExistingPartFileStopsTheRecordingSilently)
+TEST(TimelineTest, PartFilesThatCannotBeCreatedStopTheRecordingSilently)
 {
     TemporaryDirectory dir;
     const std::string base = dir.path() + "/t.json";
@@ -432,26 +422,14 @@ TEST(TimelineTest, ExistingPartFileStopsTheRecordingSilently)
         EXPECT_EQ(1u, countPhase(events, "E"));
         EXPECT_EQ(partNames("t.json", 1, 2), dir.entries());
     }
-}
-
-TEST(TimelineTest, PartFilesThatCannotBeCreatedLeaveTheTimelineIdle)
-{
-    TemporaryDirectory dir;
-    Timeline timeline;
-    timeline.startMultipartSession((dir.path() + "/missing/t.json").c_str(), 100);
-    timeline.setCurrentThreadNameIfNeeded();
-    for (int i = 0; i < 10; ++i)
     {
+        Timeline timeline;
+        timeline.startMultipartSession((dir.path() + "/missing/t.json").c_str(), 100);
+        timeline.setCurrentThreadNameIfNeeded();
         oneSection(timeline);
+        timeline.finishSession();
+        EXPECT_EQ(partNames("t.json", 1, 2), dir.entries());
     }
-    timeline.finishSession();
-    EXPECT_TRUE(dir.entries().empty());
-
-    MemoryStream out;
-    timeline.startSession(out.release());
-    oneSection(timeline);
-    timeline.finishSession();
-    EXPECT_EQ(1u, countPhase(eventsOf(out.text()), "B"));
 }
 
 TEST(TimelineTest, FailingWritesDoNotHurtLaterSessions)
