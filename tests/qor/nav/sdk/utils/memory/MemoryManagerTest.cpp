@@ -334,7 +334,7 @@ TEST(MemoryManagerConcurrencyTest, ConcurrentRequestersEndBalancedWithAConsisten
     RecordingMemoryListener::Registration registration(manager, listener);
 
     constexpr int s_Requesters = 3;
-    constexpr int s_Rounds = 1500;
+    constexpr int s_Rounds = 5000;
     std::atomic<int> ready{0};
     std::atomic<int> finished{0};
     std::atomic<unsigned long> granted{0};
