@@ -18,6 +18,10 @@ namespace {
 // object for threads not started through this class.
 thread_local Thread* t_Current = nullptr;
 
+// Set when a thread body destroys its own Thread object: from then on the
+// thread must not touch that object again.
+thread_local bool t_SelfDestroyed = false;
+
 void deleteAdoptedThread(void* thread)
 {
     t_Current = nullptr;
@@ -77,6 +81,13 @@ Thread::Thread(AdoptTag, const std::string& name, std::uint64_t id)
 
 Thread::~Thread()
 {
+    if (t_Current == this)
+    {
+        // Destroyed by its own body: getCurrentThread() must not hand out the
+        // freed object, and threadMain() must not call its hooks any more.
+        t_Current = nullptr;
+        t_SelfDestroyed = true;
+    }
     if (m_Adopted)
     {
         return;
@@ -198,30 +209,43 @@ void* Thread::threadMain(void* self)
 {
     Thread* thread = static_cast<Thread*>(self);
     t_Current = thread;
+    t_SelfDestroyed = false;
     {
         MutexGuard guard(thread->m_Mutex);
         thread->m_Id.store(detail::currentKernelThreadId(), std::memory_order_release);
     }
     ::pthread_setname_np(::pthread_self(), osThreadName(thread->m_Name).c_str());
+    // Copied: the body may destroy the Thread object (see ~Thread).
+    const std::string name = thread->m_Name;
     try
     {
         thread->preExecute();
-        thread->run();
-        thread->postExecute();
+        if (!t_SelfDestroyed)
+        {
+            thread->run();
+        }
+        if (!t_SelfDestroyed)
+        {
+            thread->postExecute();
+        }
     }
     catch (const std::exception& e)
     {
-        threadLogger() << logging::LogLevel::Fatal << "Thread " << thread->m_Name
-                       << ": uncaught exception: " << e.what() << std::endl;
+        threadLogger() << logging::LogLevel::Fatal << "Thread " << name << ": uncaught exception: " << e.what()
+                       << std::endl;
         std::terminate();
     }
     catch (...)
     {
-        threadLogger() << logging::LogLevel::Fatal << "Thread " << thread->m_Name
-                       << ": uncaught exception of unknown type" << std::endl;
+        threadLogger() << logging::LogLevel::Fatal << "Thread " << name << ": uncaught exception of unknown type"
+                       << std::endl;
         std::terminate();
     }
-    t_Current = nullptr;
+    if (!t_SelfDestroyed)
+    {
+        t_Current = nullptr;
+    }
+    // Otherwise t_Current is null or an adopted object, freed when the thread ends.
     return nullptr;
 }
 

@@ -213,6 +213,43 @@ TEST(ThreadTest, DestructorWaitsForARunningThread)
     EXPECT_TRUE(finished.load());
 }
 
+bool kernelThreadAlive(std::uint64_t tid)
+{
+    return ::access(("/proc/self/task/" + std::to_string(tid)).c_str(), F_OK) == 0;
+}
+
+// A body that destroys its own Thread object, as a job that shuts down the
+// worker running it does.
+class SelfDestroyingRunnable : public Runnable
+{
+public:
+    void run() override
+    {
+        m_KernelId = kernelThreadId();
+        delete m_Thread;
+        // The object is gone: the calling thread is adopted afresh.
+        m_NameAfterwards = Thread::getCurrentThread().getName();
+        m_Done.countDown();
+    }
+
+    Thread* m_Thread = nullptr;
+    std::atomic<std::uint64_t> m_KernelId{0};
+    std::string m_NameAfterwards; // read after m_Done
+    Latch m_Done{1};
+};
+
+TEST(ThreadTest, BodyMayDestroyItsOwnThreadObject)
+{
+    SelfDestroyingRunnable body;
+    body.m_Thread = new Thread("SelfDestroyer", &body);
+    body.m_Thread->start();
+    ASSERT_TRUE(body.m_Done.waitFor());
+    EXPECT_EQ("SelfDestroyer", body.m_NameAfterwards);
+    // The detached thread ends on its own, without touching the freed object
+    // (the sanitizer builds check that part).
+    EXPECT_TRUE(qor::test::waitUntil([&] { return !kernelThreadAlive(body.m_KernelId.load()); }));
+}
+
 TEST(ThreadTest, CurrentThreadOfTheMainThreadIsAdoptedUnderItsOsName)
 {
     // gtest runs tests on the main thread, whose kernel id is the process id.
