@@ -8,11 +8,11 @@
 
 #include <dirent.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <fstream>
 #include <memory>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -31,17 +31,21 @@ const char* const kLoggerName = "qor.common.watchdog.WatchDog";
 // Reports of the watchdog `name`, as "not refreshed for" counts in ms.
 std::vector<long> reportedSilences(const RecordingLogSink& sink, const std::string& name, unsigned int limit)
 {
-    const std::regex shape("WatchDog " + name + " not refreshed for ([0-9]+) ms \\(limit " + std::to_string(limit) +
-                           " ms\\)\n");
+    const std::string head = "WatchDog " + name + " not refreshed for ";
+    const std::string tail = " ms (limit " + std::to_string(limit) + " ms)\n";
     std::vector<long> silences;
     for (const LogRecord& record : sink.recordsOf(kLoggerName))
     {
-        std::smatch m;
-        if (std::regex_match(record.text, m, shape))
+        const std::string& text = record.text;
+        if (text.compare(0, head.size(), head) != 0)
         {
-            EXPECT_EQ(LogLevel::Error, record.level);
-            silences.push_back(std::stol(m[1]));
+            continue;
         }
+        const std::size_t digits = text.find_first_not_of("0123456789", head.size());
+        EXPECT_GT(digits, head.size()) << text;
+        EXPECT_EQ(tail, text.substr(std::min(digits, text.size()))) << text;
+        EXPECT_EQ(LogLevel::Error, record.level);
+        silences.push_back(std::stol(text.substr(head.size(), digits - head.size())));
     }
     return silences;
 }
