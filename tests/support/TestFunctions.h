@@ -1,220 +1,136 @@
-// Reusable doubles for scheduler tests: Functions that count, throw, block and
-// signal, a strategy that records what it is given, and a guard that
-// moves the tick counter.
+// Reusable doubles for scheduler tests: Functions that count, throw and block,
+// a strategy that records what it is given, and a guard that moves the tick
+// counter. Waits return false after a deadline instead of hanging a test.
 //
-//   auto job = std::make_shared<qor::test::CountingFunction>();
+//   auto job = std::make_shared<qor::test::CountingFunction>([&] { latch.countDown(); });
 //   scheduler.scheduleExecutionImmediately(job);
-//   ASSERT_TRUE(job->waitForRuns(1));                       // signalled from inside execute()
-//
-//   auto gate = std::make_shared<qor::test::BlockingFunction>();
-//   scheduler.scheduleExecutionImmediately(gate);
-//   ASSERT_TRUE(gate->waitUntilEntered());                  // the worker is inside execute()
-//   gate->release();
-//
-// Waits take a deadline (kDefaultDeadline of TestSync.h by default) and return
-// false when it passes, so a broken scheduler fails the test instead of
-// hanging it.
+//   ASSERT_TRUE(job->waitForRuns(1));        // signalled from inside execute()
 #ifndef QOR_TESTS_SUPPORT_TESTFUNCTIONS_H
 #define QOR_TESTS_SUPPORT_TESTFUNCTIONS_H
 
 #include "qor/common/system/Clock.h"
 #include "qor/nav/sdk/utils/synchronization/BalancedStrategy.h"
-#include "qor/nav/sdk/utils/synchronization/Function.h"
 #include "support/TestSync.h"
 
-#include <chrono>
-#include <condition_variable>
-#include <cstdint>
 #include <functional>
-#include <mutex>
 #include <stdexcept>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace qor {
 namespace test {
 
-constexpr std::chrono::milliseconds kTestDeadline = kDefaultDeadline;
-
-// Runs a callback (if any) and counts finished and started runs; the count is
-// raised after the callback, so waitForRuns(n) returns once n runs are over.
+// Runs an optional body; started() counts entries, runs() completed runs.
 class CountingFunction : public nav::sdk::utils::synchronization::Function
 {
 public:
-    CountingFunction() = default;
-    explicit CountingFunction(std::function<void()> body) : m_Body(std::move(body)) {}
+    explicit CountingFunction(std::function<void()> body = {}) : m_Body(std::move(body)) {}
 
     void execute() override
     {
-        {
-            std::lock_guard<std::mutex> lock(m_Mutex);
-            ++m_Started;
-        }
+        bump(m_Started);
         if (m_Body)
         {
             m_Body();
         }
-        std::lock_guard<std::mutex> lock(m_Mutex);
-        ++m_Runs;
-        m_Changed.notify_all();
+        bump(m_Runs);
     }
 
-    int runs() const
-    {
-        std::lock_guard<std::mutex> lock(m_Mutex);
-        return m_Runs;
-    }
+    int started() const { return read(m_Started); }
+    int runs() const { return read(m_Runs); }
 
-    int started() const
-    {
-        std::lock_guard<std::mutex> lock(m_Mutex);
-        return m_Started;
-    }
-
-    bool waitForRuns(int n, std::chrono::milliseconds timeout = kTestDeadline) const
+    bool waitForRuns(int n, std::chrono::milliseconds timeout = kDefaultDeadline) const
     {
         std::unique_lock<std::mutex> lock(m_Mutex);
         return m_Changed.wait_for(lock, timeout, [&] { return m_Runs >= n; });
     }
 
 private:
+    void bump(int& counter)
+    {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        ++counter;
+        m_Changed.notify_all();
+    }
+    int read(const int& counter) const
+    {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        return counter;
+    }
+
     std::function<void()> m_Body;
     mutable std::mutex m_Mutex;
     mutable std::condition_variable m_Changed;
-    int m_Runs = 0;
     int m_Started = 0;
-};
-
-// Throws on every run: a std::runtime_error with `message`, or, when
-// `standard` is false, an int. Signals `thrown` first, so a test can wait for
-// the run.
-class ThrowingFunction : public nav::sdk::utils::synchronization::Function
-{
-public:
-    explicit ThrowingFunction(std::string message, bool standard = true)
-        : m_Message(std::move(message)), m_Standard(standard)
-    {
-    }
-
-    void execute() override
-    {
-        {
-            std::lock_guard<std::mutex> lock(m_Mutex);
-            ++m_Runs;
-        }
-        if (m_Standard)
-        {
-            throw std::runtime_error(m_Message);
-        }
-        throw 42;
-    }
-
-    int runs() const
-    {
-        std::lock_guard<std::mutex> lock(m_Mutex);
-        return m_Runs;
-    }
-
-private:
-    const std::string m_Message;
-    const bool m_Standard;
-    mutable std::mutex m_Mutex;
     int m_Runs = 0;
 };
 
-// Blocks inside execute() until released. Every run announces itself (see
-// waitUntilEntered) and consumes one release; release() may come first.
-class BlockingFunction : public nav::sdk::utils::synchronization::Function
+// Throws std::runtime_error(message) on every run, or an int when `standard` is false.
+class ThrowingFunction : public CountingFunction
 {
 public:
-    void execute() override
+    explicit ThrowingFunction(const std::string& message, bool standard = true)
+        : CountingFunction([message, standard] {
+              if (standard)
+              {
+                  throw std::runtime_error(message);
+              }
+              throw 42;
+          })
     {
-        std::unique_lock<std::mutex> lock(m_Mutex);
-        ++m_Entered;
-        m_Changed.notify_all();
-        m_Changed.wait_for(lock, kTestDeadline, [this] { return m_Releases > 0; });
-        if (m_Releases > 0)
-        {
-            --m_Releases;
-        }
-        ++m_Finished;
-        m_Changed.notify_all();
     }
-
-    // Lets one blocked (or the next) run finish.
-    void release()
-    {
-        std::lock_guard<std::mutex> lock(m_Mutex);
-        ++m_Releases;
-        m_Changed.notify_all();
-    }
-
-    // Waits until `n` runs have entered execute().
-    bool waitUntilEntered(int n = 1, std::chrono::milliseconds timeout = kTestDeadline)
-    {
-        std::unique_lock<std::mutex> lock(m_Mutex);
-        return m_Changed.wait_for(lock, timeout, [&] { return m_Entered >= n; });
-    }
-
-    bool waitUntilFinished(int n = 1, std::chrono::milliseconds timeout = kTestDeadline)
-    {
-        std::unique_lock<std::mutex> lock(m_Mutex);
-        return m_Changed.wait_for(lock, timeout, [&] { return m_Finished >= n; });
-    }
-
-    int entered() const
-    {
-        std::lock_guard<std::mutex> lock(m_Mutex);
-        return m_Entered;
-    }
-
-private:
-    mutable std::mutex m_Mutex;
-    std::condition_variable m_Changed;
-    int m_Entered = 0;
-    int m_Finished = 0;
-    int m_Releases = 0;
 };
 
-// Moves Clock::getTickCounter() for the guard's lifetime and puts it back to
-// normal readings (offset 0) when destroyed.
+// Opens `entered` and blocks in its first run until release(); later runs pass.
+class BlockingFunction : public CountingFunction
+{
+public:
+    BlockingFunction() : CountingFunction([this] {
+        entered.countDown();
+        m_Released.waitFor();
+    })
+    {
+    }
+    void release() { m_Released.countDown(); }
+
+    Latch entered{1};
+
+private:
+    Latch m_Released{1};
+};
+
+// Moves Clock::getTickCounter() for the guard's lifetime; normal readings afterwards.
 class ScopedTickCounter
 {
 public:
     ScopedTickCounter() = default;
-    ~ScopedTickCounter() { common::system::Clock::setTickCounterOffset(0); }
     ScopedTickCounter(const ScopedTickCounter&) = delete;
     ScopedTickCounter& operator=(const ScopedTickCounter&) = delete;
+    ~ScopedTickCounter() { common::system::Clock::setTickCounterOffset(0); }
 
-    // From now on the counter reads `tick` (and goes on counting from there).
+    // The counter reads `tick` now and counts on from there.
     void placeAt(std::uint32_t tick)
     {
         common::system::Clock::setTickCounterOffset(0);
-        const std::uint32_t raw = common::system::Clock::getTickCounter();
-        m_Offset = tick - raw;
-        common::system::Clock::setTickCounterOffset(m_Offset);
+        set(tick - common::system::Clock::getTickCounter());
     }
-
-    // Moves the counter forward by `ms`, as if that much time had passed.
-    void advance(std::uint32_t ms)
-    {
-        m_Offset += ms;
-        common::system::Clock::setTickCounterOffset(m_Offset);
-    }
+    // As if `ms` had passed.
+    void advance(std::uint32_t ms) { set(m_Offset + ms); }
 
 private:
+    void set(std::uint32_t offset)
+    {
+        m_Offset = offset;
+        common::system::Clock::setTickCounterOffset(offset);
+    }
     std::uint32_t m_Offset = 0;
 };
 
-// A BalancedStrategy that also records what it is asked to queue or drop.
-// Recording has its own lock, so tests may read and wait from any thread.
+// A BalancedStrategy that records every record it is given, under its own lock.
 class RecordingStrategy : public nav::sdk::utils::synchronization::BalancedStrategy
 {
 public:
     using FunctionExecution = nav::sdk::utils::synchronization::FunctionExecution;
-    using FunctionExecutionId = nav::sdk::utils::synchronization::FunctionExecutionId;
-    using Duration = nav::sdk::utils::synchronization::Duration;
 
     struct Added
     {
@@ -227,21 +143,13 @@ public:
     void addFunctionExecution(const FunctionExecution& execution) override
     {
         BalancedStrategy::addFunctionExecution(execution);
-        record(Added{execution.id.getValue(), execution.period, false, 0});
+        record({execution.id.getValue(), execution.period, false, 0});
     }
-
-    void addFunctionExecution(const FunctionExecution& execution, const Duration& delay) override
+    void addFunctionExecution(const FunctionExecution& execution,
+                              const nav::sdk::utils::synchronization::Duration& delay) override
     {
         BalancedStrategy::addFunctionExecution(execution, delay);
-        record(Added{execution.id.getValue(), execution.period, true, delay.getValue()});
-    }
-
-    void removeFunctionExecution(const FunctionExecutionId& id) override
-    {
-        BalancedStrategy::removeFunctionExecution(id);
-        std::lock_guard<std::mutex> lock(m_Mutex);
-        m_Removed.push_back(id.getValue());
-        m_Changed.notify_all();
+        record({execution.id.getValue(), execution.period, true, delay.getValue()});
     }
 
     std::vector<Added> added() const
@@ -249,18 +157,10 @@ public:
         std::lock_guard<std::mutex> lock(m_Mutex);
         return m_Added;
     }
-
-    std::vector<std::uint64_t> removed() const
-    {
-        std::lock_guard<std::mutex> lock(m_Mutex);
-        return m_Removed;
-    }
-
-    // Waits until `n` records have been queued in total.
-    bool waitForAdded(std::size_t n, std::chrono::milliseconds timeout = kTestDeadline) const
+    bool waitForAdded(std::size_t n) const
     {
         std::unique_lock<std::mutex> lock(m_Mutex);
-        return m_Changed.wait_for(lock, timeout, [&] { return m_Added.size() >= n; });
+        return m_Changed.wait_for(lock, kDefaultDeadline, [&] { return m_Added.size() >= n; });
     }
 
 private:
@@ -274,7 +174,6 @@ private:
     mutable std::mutex m_Mutex;
     mutable std::condition_variable m_Changed;
     std::vector<Added> m_Added;
-    std::vector<std::uint64_t> m_Removed;
 };
 
 } // namespace test

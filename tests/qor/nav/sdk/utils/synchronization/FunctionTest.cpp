@@ -1,21 +1,17 @@
 #include "qor/nav/sdk/utils/synchronization/Function.h"
 
 #include "qor/nav/sdk/utils/synchronization/FunctionExecutionScheduler.h"
-#include "support/TestFunctions.h"
 #include "support/TestSync.h"
 
 #include <gtest/gtest.h>
-
-#include <memory>
 
 namespace {
 
 using qor::nav::sdk::utils::synchronization::Function;
 using qor::nav::sdk::utils::synchronization::FunctionExecutionScheduler;
 using qor::test::Latch;
-using Duration = FunctionExecutionScheduler::Duration;
 
-// Counts its runs and opens a latch when destroyed.
+// Opens `ran` when run and `destroyed` when destroyed.
 class OwnedFunction : public Function
 {
 public:
@@ -28,35 +24,23 @@ private:
     Latch& m_Destroyed;
 };
 
-TEST(FunctionTest, SchedulerReleasesAFunctionAfterItsLastRun)
+TEST(FunctionTest, SchedulerReleasesFunctionsAfterTheirLastRunAndOnShutdown)
 {
-    Latch ran(1);
-    Latch destroyed(1);
+    Latch onceRan(1), onceGone(1), periodicRan(1), periodicGone(1), neverRan(1), neverGone(1);
     FunctionExecutionScheduler scheduler("Owner", 0, 0);
     scheduler.start();
-    scheduler.scheduleExecutionImmediately(std::make_shared<OwnedFunction>(ran, destroyed));
-    // The scheduler held the only reference: it goes once the run is over,
-    // while the scheduler keeps running.
-    EXPECT_TRUE(ran.waitFor());
-    EXPECT_TRUE(destroyed.waitFor());
-}
-
-TEST(FunctionTest, ShutdownReleasesQueuedAndPeriodicFunctions)
-{
-    Latch ran(1);
-    Latch ranAgain(1); // never opened: the delayed function is not due before shutdown
-    Latch periodicGone(1);
-    Latch delayedGone(1);
-    FunctionExecutionScheduler scheduler("Release", 0, 0);
-    scheduler.start();
-    scheduler.scheduleExecutionImmediately(std::make_shared<OwnedFunction>(ran, periodicGone), Duration(100000));
-    scheduler.scheduleExecutionLater(std::make_shared<OwnedFunction>(ranAgain, delayedGone), Duration(100000));
-    ASSERT_TRUE(ran.waitFor());
-    EXPECT_FALSE(periodicGone.isOpen()); // queued again for its next period
+    scheduler.scheduleExecutionImmediately(std::make_shared<OwnedFunction>(onceRan, onceGone));
+    scheduler.scheduleExecutionImmediately(std::make_shared<OwnedFunction>(periodicRan, periodicGone),
+                                           FunctionExecutionScheduler::Duration(100000));
+    scheduler.scheduleExecutionLater(std::make_shared<OwnedFunction>(neverRan, neverGone),
+                                     FunctionExecutionScheduler::Duration(100000));
+    EXPECT_TRUE(onceGone.waitFor()); // the scheduler held the only reference
+    ASSERT_TRUE(periodicRan.waitFor());
+    EXPECT_FALSE(periodicGone.isOpen()); // queued for its next period
     scheduler.shutdown();
     EXPECT_TRUE(periodicGone.isOpen());
-    EXPECT_TRUE(delayedGone.isOpen());
-    EXPECT_FALSE(ranAgain.isOpen());
+    EXPECT_TRUE(neverGone.isOpen());
+    EXPECT_FALSE(neverRan.isOpen());
 }
 
 } // namespace
