@@ -1,27 +1,23 @@
-// A memory listener that records every status change, for tests of the memory
-// budget and of code that reacts to it.
+// A memory listener that records every status change it hears of.
 //
 //   RecordingMemoryListener listener;
 //   RecordingMemoryListener::Registration registered(manager, listener);   // unregisters when destroyed
 //   manager.requestChunks(71);
-//   EXPECT_EQ(listener.notifications(), (std::vector<Notification>{{Elevated, Normal}}));
+//   EXPECT_EQ((Notifications{{Elevated, Normal}}), listener.notifications());
 //
-// Listeners may share a CallJournal to see the order in which the manager
-// calls them. setThrowing(true) makes the listener throw ListenerFailure after
-// recording a notification.
+// Listeners given the same journal append themselves to it when called, which
+// shows the order of calls. setThrowing(true) makes the listener throw
+// std::runtime_error after recording.
 //
-// Threads: notifications may arrive on any thread; every accessor may be
-// called from any thread.
+// Threads: notifications may arrive on any thread; the accessors may be called
+// from any thread. A shared journal is written under the manager's listener
+// mutex and must be read only after the calls.
 #ifndef QOR_TESTS_SUPPORT_RECORDINGMEMORYLISTENER_H
 #define QOR_TESTS_SUPPORT_RECORDINGMEMORYLISTENER_H
 
 #include "qor/nav/sdk/utils/memory/IMemoryListener.h"
 #include "qor/nav/sdk/utils/memory/MemoryManager.h"
-#include "qor/nav/sdk/utils/memory/MemoryStatus.h"
 
-#include <chrono>
-#include <condition_variable>
-#include <cstddef>
 #include <mutex>
 #include <ostream>
 #include <stdexcept>
@@ -41,47 +37,18 @@ public:
     {
         MemoryStatus newStatus;
         MemoryStatus oldStatus;
+        std::thread::id thread = std::this_thread::get_id(); // not compared
 
-        bool operator==(const Notification& other) const
-        {
-            return newStatus == other.newStatus && oldStatus == other.oldStatus;
-        }
+        bool operator==(const Notification& o) const { return newStatus == o.newStatus && oldStatus == o.oldStatus; }
         friend std::ostream& operator<<(std::ostream& out, const Notification& n)
         {
-            return out << "(new " << static_cast<unsigned>(n.newStatus) << ", old "
-                       << static_cast<unsigned>(n.oldStatus) << ")";
+            return out << "(new " << unsigned(n.newStatus) << ", old " << unsigned(n.oldStatus) << ")";
         }
     };
 
-    // The order in which several listeners were called.
-    class CallJournal
-    {
-    public:
-        void add(const RecordingMemoryListener* listener)
-        {
-            std::lock_guard<std::mutex> lock(m_Mutex);
-            m_Calls.push_back(listener);
-        }
-        std::vector<const RecordingMemoryListener*> calls() const
-        {
-            std::lock_guard<std::mutex> lock(m_Mutex);
-            return m_Calls;
-        }
-
-    private:
-        mutable std::mutex m_Mutex;
-        std::vector<const RecordingMemoryListener*> m_Calls;
-    };
-
-    // Thrown by a listener set to throw.
-    struct ListenerFailure : std::runtime_error
-    {
-        ListenerFailure() : std::runtime_error("listener failure") {}
-    };
-
-    // Registers a listener with a manager for the registration's lifetime.
-    // Registrations that are local objects end in the reverse order of their
-    // start, the order the manager's list needs.
+    // Registers a listener for the registration's lifetime. Local
+    // registrations end in the reverse order of their start, which is the
+    // order the manager's list needs.
     class Registration
     {
     public:
@@ -98,25 +65,21 @@ public:
         IMemoryListener& m_Listener;
     };
 
-    explicit RecordingMemoryListener(CallJournal* journal = nullptr) : m_Journal(journal) {}
+    using Journal = std::vector<const RecordingMemoryListener*>;
+
+    explicit RecordingMemoryListener(Journal* journal = nullptr) : m_Journal(journal) {}
 
     void onMemoryStatusChanged(MemoryStatus newStatus, MemoryStatus oldStatus) override
     {
-        bool throwing = false;
-        {
-            std::lock_guard<std::mutex> lock(m_Mutex);
-            m_Notifications.push_back(Notification{newStatus, oldStatus});
-            m_Threads.push_back(std::this_thread::get_id());
-            throwing = m_Throwing;
-        }
-        m_Changed.notify_all();
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        m_Notifications.push_back(Notification{newStatus, oldStatus});
         if (m_Journal != nullptr)
         {
-            m_Journal->add(this);
+            m_Journal->push_back(this);
         }
-        if (throwing)
+        if (m_Throwing)
         {
-            throw ListenerFailure();
+            throw std::runtime_error("listener failure");
         }
     }
 
@@ -132,40 +95,16 @@ public:
         return m_Notifications;
     }
 
-    // The threads the notifications arrived on, in the same order.
-    std::vector<std::thread::id> threads() const
-    {
-        std::lock_guard<std::mutex> lock(m_Mutex);
-        return m_Threads;
-    }
-
-    std::size_t count() const
-    {
-        std::lock_guard<std::mutex> lock(m_Mutex);
-        return m_Notifications.size();
-    }
-
-    // Waits until at least `n` notifications have arrived; false when
-    // `timeout` passes first.
-    bool waitForCount(std::size_t n, std::chrono::milliseconds timeout = std::chrono::seconds(10)) const
-    {
-        std::unique_lock<std::mutex> lock(m_Mutex);
-        return m_Changed.wait_for(lock, timeout, [&] { return m_Notifications.size() >= n; });
-    }
-
     void clear()
     {
         std::lock_guard<std::mutex> lock(m_Mutex);
         m_Notifications.clear();
-        m_Threads.clear();
     }
 
 private:
-    CallJournal* const m_Journal;
+    Journal* const m_Journal;
     mutable std::mutex m_Mutex;
-    mutable std::condition_variable m_Changed;
     std::vector<Notification> m_Notifications;
-    std::vector<std::thread::id> m_Threads;
     bool m_Throwing = false;
 };
 
