@@ -1,0 +1,481 @@
+#include "qor/nav/sdk/utils/validation/UTF8Validator.h"
+
+// The byte-at-a-time reference automaton and the CESU-8 conversion are
+// internal to the library; the tests compare against them directly.
+#include "../../../../../../src/qor/nav/sdk/utils/validation/Utf8Automaton.h"
+
+#include "support/FailingAllocation.h"
+#include "support/RecordingLogSink.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <random>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using qor::common::logging::LogLevel;
+using qor::common::types::utf8::Utf8Char;
+using qor::common::types::utf8::Utf8String;
+using qor::nav::sdk::utils::validation::UTF8Validator;
+namespace detail = qor::nav::sdk::utils::validation::detail;
+
+const char* const kLogger = "qor.nav.sdk.utils.UTF8Validator";
+
+bool valid(const std::string& bytes)
+{
+    return UTF8Validator::validateStrictUtf8(Utf8String(bytes));
+}
+
+bool reference(const std::string& bytes)
+{
+    return detail::validateStrictUtf8Reference(bytes.data(), bytes.size());
+}
+
+std::string repaired(const std::string& bytes)
+{
+    return UTF8Validator::makeStrictUtf8Conform(Utf8String(bytes)).str();
+}
+
+std::string encode(std::uint32_t codePoint)
+{
+    Utf8String text;
+    text.append(Utf8Char(codePoint));
+    return text.str();
+}
+
+std::string hex(const std::string& bytes)
+{
+    std::ostringstream out;
+    out << std::hex;
+    for (const unsigned char b : bytes)
+    {
+        out << (b < 0x10 ? "0" : "") << static_cast<unsigned>(b) << ' ';
+    }
+    return out.str();
+}
+
+// --- The public stress-test file -------------------------------------------
+
+std::string testDataDirectory()
+{
+    if (const char* dir = std::getenv("QOR_TEST_DATA"))
+    {
+        return dir;
+    }
+    const std::string self = __FILE__;
+    return self.substr(0, self.rfind("/qor/nav/sdk/utils/validation/")) + "/data";
+}
+
+// The numbered lines of UTF-8-test.txt ("4.1.1 U+002F = c0 af = ..."), by section id.
+std::map<std::string, std::string> stressTestLines()
+{
+    std::ifstream file(testDataDirectory() + "/UTF-8-test.txt", std::ios::binary);
+    std::map<std::string, std::string> lines;
+    std::string line;
+    const std::regex numbered(R"(^(\d+\.\d+\.\d+)\s)");
+    std::smatch match;
+    while (std::getline(file, line))
+    {
+        if (std::regex_search(line, match, numbered))
+        {
+            lines[match[1]] = line;
+        }
+    }
+    return lines;
+}
+
+// The bytes a line spells in hexadecimal before its quoted sample, "" if none.
+std::string hexBytesOf(const std::string& line)
+{
+    static const std::regex notation(R"(((?:[0-9a-f]{2} )+)\s*= ")");
+    std::smatch match;
+    if (!std::regex_search(line, match, notation))
+    {
+        return std::string();
+    }
+    std::istringstream in(match[1].str());
+    std::string bytes;
+    unsigned value;
+    while (in >> std::hex >> value)
+    {
+        bytes.push_back(static_cast<char>(value));
+    }
+    return bytes;
+}
+
+// The bytes between the first and the last double quote of a line.
+std::string quotedBytesOf(const std::string& line)
+{
+    const std::size_t first = line.find('"');
+    const std::size_t last = line.rfind('"');
+    return first < last ? line.substr(first + 1, last - first - 1) : std::string();
+}
+
+TEST(UTF8ValidatorTest, StressFileSectionsSpelledInHex)
+{
+    const auto lines = stressTestLines();
+    ASSERT_GT(lines.size(), 70u) << "UTF-8-test.txt not found under " << testDataDirectory();
+
+    // 2.3.1-2.3.4 boundary code points and 5.3.1-5.3.2 noncharacters are
+    // strict; 2.3.5 (above U+10FFFF), 3.5 impossible bytes, 4.1-4.3 overlong
+    // forms, 5.1 single and 5.2 paired surrogates are not.
+    const std::vector<std::string> strict = {"2.3.1", "2.3.2", "2.3.3", "2.3.4", "5.3.1", "5.3.2"};
+    std::size_t checked = 0;
+    for (const auto& entry : lines)
+    {
+        const std::string bytes = hexBytesOf(entry.second);
+        if (bytes.empty())
+        {
+            continue;
+        }
+        ++checked;
+        SCOPED_TRACE(entry.first + ": " + hex(bytes));
+        const bool expected = std::find(strict.begin(), strict.end(), entry.first) != strict.end();
+        EXPECT_EQ(valid(bytes), expected);
+        EXPECT_EQ(reference(bytes), expected);
+        if (expected)
+        {
+            EXPECT_EQ(quotedBytesOf(entry.second), bytes);
+            EXPECT_EQ(repaired(bytes), bytes);
+        }
+        else if (entry.first.compare(0, 3, "5.2") != 0)
+        {
+            EXPECT_EQ(repaired(bytes), "") << "nothing of it can be decoded";
+        }
+    }
+    EXPECT_EQ(checked, 5u + 3u + 15u + 7u + 8u + 2u); // 2.3, 3.5, 4.1-4.3, 5.1, 5.2, 5.3.1-5.3.2
+}
+
+TEST(UTF8ValidatorTest, StressFilePairedSurrogatesBecomeTheirCharacter)
+{
+    // 5.2.1-5.2.8: "U+D800 U+DC00 = ed a0 80 ed b0 80": CESU-8 of U+10000.
+    const std::regex pair(R"(U\+([0-9A-F]{4}) U\+([0-9A-F]{4}) = )");
+    std::size_t checked = 0;
+    for (const auto& entry : stressTestLines())
+    {
+        std::smatch match;
+        if (entry.first.compare(0, 4, "5.2.") != 0 || !std::regex_search(entry.second, match, pair))
+        {
+            continue;
+        }
+        ++checked;
+        SCOPED_TRACE(entry.first);
+        const std::uint32_t high = static_cast<std::uint32_t>(std::stoul(match[1], nullptr, 16));
+        const std::uint32_t low = static_cast<std::uint32_t>(std::stoul(match[2], nullptr, 16));
+        const std::uint32_t codePoint = 0x10000 + ((high - 0xD800) << 10) + (low - 0xDC00);
+        EXPECT_EQ(hex(repaired(hexBytesOf(entry.second))), hex(encode(codePoint)));
+    }
+    EXPECT_EQ(checked, 8u);
+}
+
+TEST(UTF8ValidatorTest, StressFileWellFormedSamples)
+{
+    const auto lines = stressTestLines();
+    // 2.1.1-2.1.4 and 2.2.1-2.2.3: first and last sequences of each length
+    // (2.1.1 is U+0000, 2.2.1 U+007F); 5.3.3 noncharacters U+FDD0..U+FDEF.
+    for (const char* id : {"2.1.1", "2.1.2", "2.1.3", "2.1.4", "2.2.1", "2.2.2", "2.2.3", "5.3.3"})
+    {
+        SCOPED_TRACE(id);
+        const std::string sample = quotedBytesOf(lines.at(id));
+        ASSERT_FALSE(sample.empty());
+        EXPECT_TRUE(valid(sample));
+        EXPECT_TRUE(valid("x" + sample + "y"));
+    }
+    EXPECT_EQ(repaired(quotedBytesOf(lines.at("2.1.1"))), ""); // NUL is dropped
+}
+
+TEST(UTF8ValidatorTest, MalformedSequencesOfTheStressSections)
+{
+    struct Case
+    {
+        const char* id;
+        std::string bytes;
+    };
+    const std::vector<Case> cases = {
+        {"2.1.5", "\xF8\x88\x80\x80\x80"},     {"2.1.6", "\xFC\x84\x80\x80\x80\x80"},
+        {"2.2.4", "\xF7\xBF\xBF\xBF"},         {"2.2.6", "\xFD\xBF\xBF\xBF\xBF\xBF"},
+        {"3.1.1", "\x80"},                     {"3.1.2", "\xBF"},
+        {"3.1.8", "\x80\xBF\x80\xBF\x80\xBF\x80"},
+        {"3.2.1", "\xC0 "},                    {"3.2.1", "\xDF "},
+        {"3.2.2", "\xE0 "},                    {"3.2.3", "\xF0 "},
+        {"3.2.4", "\xF8 "},                    {"3.2.5", "\xFD "},
+        {"3.3.1", "\xC0"},                     {"3.3.2", "\xE0\x80"},
+        {"3.3.3", "\xF0\x80\x80"},             {"3.3.6", "\xDF"},
+        {"3.3.7", "\xEF\xBF"},                 {"3.3.8", "\xF7\xBF\xBF"},
+        {"3.4", "\xC0\xE0\x80\xF0\x80\x80\xF8\x80\x80\x80\xFC\x80\x80\x80\x80\xDF\xEF\xBF\xF7\xBF\xBF\xFB\xBF\xBF\xBF\xFD\xBF\xBF\xBF\xBF"},
+    };
+    for (const Case& c : cases)
+    {
+        SCOPED_TRACE(std::string(c.id) + ": " + hex(c.bytes));
+        EXPECT_FALSE(valid(c.bytes));
+        EXPECT_FALSE(valid("abcdefghijklmnop" + c.bytes));
+        EXPECT_FALSE(reference(c.bytes));
+        const std::string fixed = repaired(c.bytes);
+        EXPECT_TRUE(valid(fixed)) << hex(fixed);
+    }
+    // 3.1.9: all 64 continuation bytes.
+    std::string continuations;
+    for (int b = 0x80; b <= 0xBF; ++b)
+    {
+        continuations.push_back(static_cast<char>(b));
+    }
+    EXPECT_FALSE(valid(continuations));
+    EXPECT_EQ(repaired(continuations), "");
+}
+
+// --- validateStrictUtf8 ----------------------------------------------------
+
+TEST(UTF8ValidatorTest, ValidationAcceptsStrictFormsIncludingControls)
+{
+    EXPECT_TRUE(valid(""));
+    EXPECT_TRUE(valid(std::string("a\0\t\n\r\x1F", 6)));
+    EXPECT_TRUE(valid("\xC2\x80\xE0\xA0\x80\xED\x9F\xBF\xEE\x80\x80\xF0\x90\x80\x80\xF4\x8F\xBF\xBF"));
+    EXPECT_FALSE(valid("\xED\xA0\xBD\xED\xB8\x80")); // CESU-8 is not strict
+    EXPECT_FALSE(valid("\xC1\xBF"));
+    EXPECT_FALSE(valid("\xF5\x80\x80\x80"));
+    // A reject stops the reading, whatever follows.
+    EXPECT_FALSE(valid("\xFF" "abc"));
+}
+
+// The fast path must answer exactly like the byte-at-a-time automaton.
+void expectSameAnswer(const std::string& bytes)
+{
+    ASSERT_EQ(valid(bytes), reference(bytes)) << hex(bytes);
+}
+
+TEST(UTF8ValidatorTest, FastValidationAgreesWithTheAutomatonAroundWordBoundaries)
+{
+    const std::vector<std::string> inserts = {
+        "\x80", "\xBF", "\xC0", "\xC1", "\xC2", "\xE0", "\xED", "\xF0", "\xF4", "\xF5", "\xFF",  // bad alone
+        "\xC3\xA4", "\xE2\x82\xAC", "\xF0\x9F\x98\x80",                                          // good
+        "\xE0\x9F\xBF", "\xED\xA0\x80", "\xF0\x8F\xBF\xBF", "\xF4\x90\x80\x80", "\xE2\x82",      // bad
+    };
+    for (std::size_t length = 0; length <= 40; ++length)
+    {
+        const std::string ascii(length, 'a');
+        expectSameAnswer(ascii);
+        EXPECT_TRUE(valid(ascii));
+        for (std::size_t at = 0; at <= length; ++at)
+        {
+            for (const std::string& insert : inserts)
+            {
+                std::string bytes = ascii;
+                bytes.insert(at, insert);
+                expectSameAnswer(bytes);
+                // Cut short at the end, on every byte of the sequence.
+                for (std::size_t keep = 1; keep < insert.size(); ++keep)
+                {
+                    expectSameAnswer(ascii + insert.substr(0, keep));
+                    EXPECT_FALSE(valid(ascii + insert.substr(0, keep)));
+                }
+            }
+            // One ASCII byte turned non-ASCII at each offset.
+            std::string flipped = ascii;
+            if (at < length)
+            {
+                flipped[at] = static_cast<char>(0x80 | flipped[at]);
+                expectSameAnswer(flipped);
+                EXPECT_FALSE(valid(flipped));
+            }
+        }
+    }
+}
+
+std::string randomValidText(std::mt19937& random)
+{
+    std::uniform_int_distribution<int> count(0, 40);
+    std::uniform_int_distribution<int> kind(0, 9);
+    std::string text;
+    for (int n = count(random); n > 0; --n)
+    {
+        const int k = kind(random);
+        std::uint32_t codePoint;
+        if (k < 5)
+        {
+            codePoint = std::uniform_int_distribution<std::uint32_t>(0, 0x7F)(random);
+        }
+        else if (k < 7)
+        {
+            codePoint = std::uniform_int_distribution<std::uint32_t>(0x80, 0x7FF)(random);
+        }
+        else if (k < 9)
+        {
+            codePoint = std::uniform_int_distribution<std::uint32_t>(0x800, 0xFFFF)(random);
+            if (codePoint >= 0xD800 && codePoint <= 0xDFFF)
+            {
+                codePoint -= 0x800;
+            }
+        }
+        else
+        {
+            codePoint = std::uniform_int_distribution<std::uint32_t>(0x10000, 0x10FFFF)(random);
+        }
+        text += encode(codePoint);
+    }
+    return text;
+}
+
+TEST(UTF8ValidatorTest, FastValidationAgreesWithTheAutomatonOnRandomInput)
+{
+    std::mt19937 random(20261122);
+    std::uniform_int_distribution<int> byte(0, 255);
+    std::uniform_int_distribution<int> length(0, 70);
+    for (int i = 0; i < 20000; ++i)
+    {
+        std::string bytes(static_cast<std::size_t>(length(random)), '\0');
+        for (char& b : bytes)
+        {
+            b = static_cast<char>(byte(random));
+        }
+        expectSameAnswer(bytes);
+    }
+    for (int i = 0; i < 20000; ++i)
+    {
+        std::string text = randomValidText(random);
+        ASSERT_TRUE(valid(text)) << hex(text);
+        ASSERT_TRUE(reference(text)) << hex(text);
+        if (text.empty())
+        {
+            continue;
+        }
+        // One mutation: overwrite, insert, erase or cut the end.
+        const std::size_t at = std::uniform_int_distribution<std::size_t>(0, text.size() - 1)(random);
+        switch (i % 4)
+        {
+        case 0: text[at] = static_cast<char>(byte(random)); break;
+        case 1: text.insert(text.begin() + static_cast<std::ptrdiff_t>(at), static_cast<char>(byte(random))); break;
+        case 2: text.erase(at, 1); break;
+        default: text.resize(at); break;
+        }
+        expectSameAnswer(text);
+    }
+}
+
+// --- makeStrictUtf8Conform -------------------------------------------------
+
+TEST(UTF8ValidatorTest, RepairExamples)
+{
+    struct Case
+    {
+        const char* what;
+        std::string input;
+        std::string output;
+    };
+    const std::vector<Case> cases = {
+        {"empty", "", ""},
+        {"controls dropped", std::string("a\0b\tc\nd\re\x1F" "f\x7F", 12), "abcdef\x7F"},
+        {"CESU-8 pair", "\xED\xA0\xBD\xED\xB8\x80", "\xF0\x9F\x98\x80"},
+        {"lone high surrogate", "\xED\xA0\x80" "A", "A"},
+        {"overlong", "\xC0\x80", ""},
+        {"above U+10FFFF", "\xF4\x90\x80\x80", ""},
+        {"broken sequence, breaking byte kept", "\xE4\xB8" "A", "A"},
+        {"sequence open across a pair", "\xE4\xED\xA0\xBD\xED\xB8\x80\xB8\xAD", "\xF0\x9F\x98\x80\xE4\xB8\xAD"},
+        {"pair cut off by the end", "x\xED\xA0\x80\xED", "x"},
+        {"pair with a bad low half", "\xED\xA0\xBD\xED\xA8\x80", ""},
+        {"unfinished at the end", "ab\xF0\x9F\x98", "ab"},
+    };
+    for (const Case& c : cases)
+    {
+        SCOPED_TRACE(c.what);
+        EXPECT_EQ(hex(repaired(c.input)), hex(c.output));
+    }
+    EXPECT_FALSE(valid("\xED\xA0\xBD\xED\xB8\x80"));
+}
+
+TEST(UTF8ValidatorTest, RepairGivesStrictTextAndKeepsStrictTextWithoutControls)
+{
+    std::mt19937 random(42);
+    std::uniform_int_distribution<int> byte(0, 255);
+    for (int i = 0; i < 5000; ++i)
+    {
+        std::string text = randomValidText(random);
+        std::string withoutControls;
+        for (const char c : text)
+        {
+            if (static_cast<unsigned char>(c) > 0x1F)
+            {
+                withoutControls.push_back(c);
+            }
+        }
+        ASSERT_EQ(hex(repaired(withoutControls)), hex(withoutControls));
+        ASSERT_EQ(hex(repaired(text)), hex(withoutControls));
+
+        std::string noise(static_cast<std::size_t>(i % 50), '\0');
+        for (char& b : noise)
+        {
+            b = static_cast<char>(byte(random));
+        }
+        const std::string fixed = repaired(text + noise + "\xED\xA0\xBD\xED\xB8\x80");
+        ASSERT_TRUE(valid(fixed)) << hex(text + noise);
+        ASSERT_LE(fixed.size(), text.size() + noise.size() + 6);
+        for (const char c : fixed)
+        {
+            ASSERT_GT(static_cast<unsigned char>(c), 0x1F) << hex(fixed);
+        }
+    }
+}
+
+TEST(UTF8ValidatorTest, FailedReservationIsLoggedAndTheRepairGoesOn)
+{
+    auto sink = qor::test::RecordingLogSink::install();
+    const std::string input = std::string(1000, 'a') + "\xED\xA0\xBD\xED\xB8\x80" + std::string(1, '\n');
+    const Utf8String text(input);
+    // The result reserves the input's size (plus the terminator) first.
+    qor::test::FailingAllocation::failNextOfSize(input.size() + 1);
+    const Utf8String result = UTF8Validator::makeStrictUtf8Conform(text);
+    EXPECT_FALSE(qor::test::FailingAllocation::pending());
+    qor::test::FailingAllocation::failNextOfSize(0);
+
+    EXPECT_EQ(result.str(), std::string(1000, 'a') + "\xF0\x9F\x98\x80");
+    const auto records = sink->recordsOf(kLogger);
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].level, LogLevel::Error);
+    EXPECT_EQ(records[0].text,
+              "makeStrictUtf8Conform: caught an Exception: 'std::bad_alloc' trying to reserve space for strings!\n");
+}
+
+TEST(UTF8ValidatorTest, ConversionLogsGroupsItCannotConvert)
+{
+    auto sink = qor::test::RecordingLogSink::install();
+    Utf8String out("x");
+    EXPECT_FALSE(detail::convertCESU8ToUTF8("\xED\xA0\xBD\xED\xB8", out));
+    EXPECT_FALSE(detail::convertCESU8ToUTF8("\xED\xA0\xBD\xED\xA8\x80", out)); // low half below B0
+    EXPECT_FALSE(detail::convertCESU8ToUTF8("\xED\xB0\xBD\xED\xB8\x80", out)); // high half above AF
+    EXPECT_EQ(out.str(), "x");
+    EXPECT_TRUE(detail::convertCESU8ToUTF8("\xED\xAF\xBF\xED\xBF\xBF", out)); // U+10FFFF
+    EXPECT_EQ(hex(out.str()), hex("x\xF4\x8F\xBF\xBF"));
+
+    const std::vector<std::string> expected = {
+        "convertCESU8ToUTF8: Can't convert CESU-8 into UTF-8 - invalid source string!\n",
+        "convertCESU8ToUTF8: Can't convert CESU-8 into UTF-8 - invalid CESU-8 surrogates pair!\n",
+        "convertCESU8ToUTF8: Can't convert CESU-8 into UTF-8 - invalid CESU-8 surrogates pair!\n",
+    };
+    EXPECT_EQ(sink->textsOf(kLogger), expected);
+    for (const auto& record : sink->recordsOf(kLogger))
+    {
+        EXPECT_EQ(record.level, LogLevel::Error);
+    }
+}
+
+TEST(UTF8ValidatorTest, GroupLeftOverAtTheEndIsCheckedAgainWhenItsLeadIsRevisited)
+{
+    // E4 opens a sequence; the group ED A0 80 ED is cut off by the end and
+    // stays collected. ED breaks the E4 sequence and is looked at again: the
+    // collected bytes plus ED A0 make six that are not a surrogate pair.
+    auto sink = qor::test::RecordingLogSink::install();
+    EXPECT_EQ(repaired("\xE4\xED\xA0\x80\xED"), "");
+    EXPECT_EQ(sink->textsOf(kLogger),
+              std::vector<std::string>{
+                  "convertCESU8ToUTF8: Can't convert CESU-8 into UTF-8 - invalid CESU-8 surrogates pair!\n"});
+}
+
+} // namespace

@@ -1,0 +1,99 @@
+// Makes one chosen heap allocation fail, for tests of code that must survive
+// std::bad_alloc.
+//
+//   #include "support/FailingAllocation.h"   // in exactly ONE source file of the test executable
+//   qor::test::FailingAllocation::failNextOfSize(1001);  // this thread's next 1001-byte allocation throws
+//   ... code under test ...
+//   EXPECT_FALSE(qor::test::FailingAllocation::pending());  // it was hit
+//
+// Including this header replaces the global operator new and delete (plain
+// and nothrow forms, which together cover the allocations of std::string and
+// the other standard containers) of the whole executable with malloc/free
+// based versions, so it must be included by one source file only. Array and
+// aligned forms keep the toolchain's versions.
+//
+// Threads: the armed size belongs to the thread that armed it; allocations of
+// other threads are never failed.
+#ifndef QOR_TESTS_SUPPORT_FAILINGALLOCATION_H
+#define QOR_TESTS_SUPPORT_FAILINGALLOCATION_H
+
+#include <cstddef>
+#include <cstdlib>
+#include <new>
+
+namespace qor {
+namespace test {
+
+class FailingAllocation
+{
+public:
+    // The calling thread's next allocation of exactly `bytes` bytes throws
+    // std::bad_alloc (or returns null from the nothrow form); 0 disarms.
+    static void failNextOfSize(std::size_t bytes) noexcept { armedSize() = bytes; }
+
+    // True while the armed failure has not happened yet.
+    static bool pending() noexcept { return armedSize() != 0; }
+
+    // Whether an allocation of `bytes` must fail now; disarms when it must.
+    static bool takeFailure(std::size_t bytes) noexcept
+    {
+        std::size_t& armed = armedSize();
+        if (armed != 0 && armed == bytes)
+        {
+            armed = 0;
+            return true;
+        }
+        return false;
+    }
+
+private:
+    static std::size_t& armedSize() noexcept
+    {
+        static thread_local std::size_t s_Armed = 0;
+        return s_Armed;
+    }
+};
+
+} // namespace test
+} // namespace qor
+
+void* operator new(std::size_t bytes)
+{
+    if (qor::test::FailingAllocation::takeFailure(bytes))
+    {
+        throw std::bad_alloc();
+    }
+    void* memory = std::malloc(bytes == 0 ? 1 : bytes);
+    if (memory == nullptr)
+    {
+        throw std::bad_alloc();
+    }
+    return memory;
+}
+
+void* operator new(std::size_t bytes, const std::nothrow_t&) noexcept
+{
+    if (qor::test::FailingAllocation::takeFailure(bytes))
+    {
+        return nullptr;
+    }
+    return std::malloc(bytes == 0 ? 1 : bytes);
+}
+
+// Not inlined: a caller that sees `new` paired with a free() would warn.
+__attribute__((noinline)) void operator delete(void* memory) noexcept
+{
+    std::free(memory);
+}
+
+__attribute__((noinline)) void operator delete(void* memory, std::size_t) noexcept
+{
+    std::free(memory);
+}
+
+__attribute__((noinline)) void operator delete(void* memory, const std::nothrow_t&) noexcept
+{
+    std::free(memory);
+}
+
+#endif
