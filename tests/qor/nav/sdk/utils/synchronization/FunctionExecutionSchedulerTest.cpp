@@ -6,7 +6,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
+#include <random>
+#include <set>
 #include <stdexcept>
+#include <thread>
+#include <vector>
 
 namespace {
 
@@ -95,6 +101,127 @@ TEST(FunctionExecutionSchedulerTest, FailuresReachTheCallerAndRepeatedShutdownIs
     EXPECT_EQ(1, job.use_count());
     ASSERT_EQ(1u, strategy->added().size());
     EXPECT_EQ(2u, strategy->added()[0].id);
+}
+
+// Several clients schedule immediate, delayed and periodic work and remove
+// their own ids at random while the worker runs. Some functions remove their
+// own id from the worker thread while they run, which would deadlock if
+// removal waited for a running function.
+TEST(FunctionExecutionSchedulerStressTest, ConcurrentClientsNeitherLoseNorRepeatOneShotWork)
+{
+    constexpr int kClients = 4;
+    constexpr int kOperationsPerClient = 1000;
+    enum Kind { Immediate, Delayed, Periodic };
+    struct Job
+    {
+        FunctionExecutionId id;
+        std::shared_ptr<CountingFunction> function;
+        Kind kind;
+        bool removed;
+    };
+
+    FunctionExecutionScheduler scheduler("Stress", 0, 0);
+    std::atomic<bool> shutdownReturned{false};
+    std::atomic<int> lateRuns{0};
+    scheduler.start();
+
+    std::vector<std::vector<Job>> jobs(kClients);
+    std::vector<std::thread> clients;
+    for (int c = 0; c < kClients; ++c)
+    {
+        clients.emplace_back([&, c] {
+            std::mt19937 random(1234u + static_cast<unsigned>(c));
+            std::vector<Job>& mine = jobs[c];
+            for (int op = 0; op < kOperationsPerClient; ++op)
+            {
+                const unsigned dice = random() % 10;
+                if (dice >= 8 && !mine.empty())
+                {
+                    Job& victim = mine[random() % mine.size()];
+                    scheduler.asyncRemoveFunctionExecution(victim.id);
+                    victim.removed = true;
+                    continue;
+                }
+                const Kind kind = dice < 3 ? Immediate : dice < 6 ? Delayed : Periodic;
+                auto ownId = std::make_shared<std::atomic<std::uint64_t>>(0);
+                const bool selfRemoving = random() % 4 == 0;
+                auto function = std::make_shared<CountingFunction>([&, ownId, selfRemoving] {
+                    if (shutdownReturned.load())
+                    {
+                        ++lateRuns;
+                    }
+                    if (selfRemoving)
+                    {
+                        scheduler.asyncRemoveFunctionExecution(FunctionExecutionId(ownId->load()));
+                    }
+                });
+                FunctionExecutionId id;
+                switch (kind)
+                {
+                case Immediate:
+                    id = scheduler.scheduleExecutionImmediately(function);
+                    break;
+                case Delayed:
+                    id = scheduler.scheduleExecutionLater(function, Duration(random() % 20));
+                    break;
+                case Periodic:
+                    id = random() % 2 == 0
+                             ? scheduler.scheduleExecutionImmediately(function, Duration(1 + random() % 5))
+                             : scheduler.scheduleExecutionLater(function, Duration(random() % 10),
+                                                                Duration(1 + random() % 5));
+                    break;
+                }
+                ownId->store(id.getValue());
+                mine.push_back(Job{id, function, kind, false});
+            }
+        });
+    }
+    for (std::thread& client : clients)
+    {
+        client.join();
+    }
+
+    std::set<std::uint64_t> ids;
+    std::size_t scheduled = 0;
+    std::vector<const Job*> expectedOnce;
+    std::vector<const Job*> atMostOnce;
+    for (const std::vector<Job>& mine : jobs)
+    {
+        for (const Job& job : mine)
+        {
+            ++scheduled;
+            ids.insert(job.id.getValue());
+            if (job.kind != Periodic)
+            {
+                (job.removed ? atMostOnce : expectedOnce).push_back(&job);
+            }
+        }
+    }
+    EXPECT_EQ(scheduled, ids.size()) << "ids must be unique";
+    ASSERT_TRUE(qor::test::waitUntil([&] {
+        return std::all_of(expectedOnce.begin(), expectedOnce.end(),
+                           [](const Job* job) { return job->function->runs() > 0; });
+    })) << "a queued one-shot function never ran";
+
+    scheduler.shutdown();
+    shutdownReturned.store(true);
+
+    for (const Job* job : expectedOnce)
+    {
+        EXPECT_EQ(1, job->function->runs()) << "id " << job->id.getValue();
+    }
+    for (const Job* job : atMostOnce)
+    {
+        EXPECT_LE(job->function->started(), 1) << "id " << job->id.getValue();
+    }
+    EXPECT_EQ(0, lateRuns.load()) << "a function ran after shutdown() returned";
+    for (const std::vector<Job>& mine : jobs)
+    {
+        for (const Job& job : mine)
+        {
+            EXPECT_EQ(1, job.function.use_count()) << "the scheduler still holds id " << job.id.getValue();
+        }
+    }
 }
 
 } // namespace
