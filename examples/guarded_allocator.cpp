@@ -1,8 +1,17 @@
-// A guarded allocator composed from the allocator policies, drawing on a small
-// memory budget: it allocates until the budget refuses, prints each change of
-// the memory status, logs the allocators' statistics and gives everything back.
+// A small allocator composed from the allocator policies: a locking, an error
+// and a checking policy, plus a statistics record. It asks a memory budget for
+// chunks before it takes memory from the system, so the budget's status rises
+// as blocks are taken and falls as they are given back; a listener prints each
+// change. At the end the statistics are logged and an overwritten guard word is
+// reported.
 //
-//   ./example_memory
+//   ./example_guarded_allocator              # the overflow report runs in a forked child
+//   ./example_guarded_allocator --overflow   # the overflow report aborts this process
+//
+// The overflow report ends in a failed assertion, which aborts the process
+// that frees the overwritten block. That is why the example shows it in a
+// child process unless asked to do it in its own.
+#include "qor/common/logging/Logger.h"
 #include "qor/nav/sdk/utils/memory/IMemoryListener.h"
 #include "qor/nav/sdk/utils/memory/MemoryManager.h"
 #include "qor/nav/sdk/utils/memory/MemoryStatus.h"
@@ -10,12 +19,17 @@
 #include "qor/nav/sdk/utils/memory/allocator/policy/CheckForBufferOverflow.h"
 #include "qor/nav/sdk/utils/memory/allocator/policy/NoMultiThreading.h"
 #include "qor/nav/sdk/utils/memory/allocator/policy/NullptrOnError.h"
-#include "qor/nav/sdk/utils/memory/allocator/policy/ProtectBySpinLock.h"
+#include "qor/nav/sdk/utils/memory/allocator/policy/ProtectByMutex.h"
 
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <string>
 #include <vector>
 
 using namespace qor::nav::sdk::utils::memory;
@@ -35,7 +49,8 @@ const char* statusName(MemoryStatus status)
     return "?";
 }
 
-// Prints every change of the memory status.
+// Prints every change of the memory status. Called on the thread that took or
+// returned the chunks, with the budget's locks held: print and return.
 class PrintingListener : public IMemoryListener
 {
 public:
@@ -45,22 +60,25 @@ public:
     }
 };
 
-// malloc-backed blocks of up to 8-byte alignment, counted against `budget` in
-// whole chunks per block, guarded against overruns and counted in statistics.
-// LockingPolicy is NoMultiThreading, ProtectByMutex or ProtectBySpinLock.
-template <typename LockingPolicy>
+// malloc-backed blocks, counted against `budget` in whole chunks per block.
+//   LockingPolicy:  NoMultiThreading, ProtectByMutex or ProtectBySpinLock
+//   ErrorPolicy:    NullptrOnError (what a refused request returns)
+//   CheckingPolicy: CheckForBufferOverflow (guard words around every block)
+template <typename LockingPolicy, typename ErrorPolicy, typename CheckingPolicy>
 class GuardedAllocator
 {
 public:
-    static constexpr std::uint16_t s_Align = 8; // malloc's 16-byte blocks + 24 stay 8-byte aligned
+    // malloc's blocks are 16-byte aligned; 24 bytes in they are 8-byte aligned.
+    static constexpr std::uint16_t s_Align = 8;
 
     GuardedAllocator(const char* name, MemoryManager& budget) : m_Statistics(name), m_Check(name), m_Budget(budget) {}
 
-    // `size` bytes, or null when the budget (or the system) refuses.
+    // `size` bytes, or what the error policy returns when the budget or the
+    // system refuses.
     void* allocate(std::size_t size, const char* file, std::uint32_t line)
     {
         const std::size_t total = grossSize(size);
-        // The budget has its own locks and may call listeners: never inside ours.
+        // The budget has its own locks and calls the listeners: never inside ours.
         if (!m_Budget.requestChunks(chunksFor(total)))
         {
             return m_Errors.handleAllocationError(size, s_Align, file, line);
@@ -77,8 +95,8 @@ public:
         return m_Check.onAllocation(raw, size, s_Align, file, line);
     }
 
-    // Frees a block of `size` bytes from allocate(); aborts with a report if
-    // it was overrun.
+    // Frees a block of `size` bytes from allocate(). Aborts with a report if
+    // the block was overrun.
     void deallocate(void* p, std::size_t size)
     {
         m_Errors.handleDeallocation(p);
@@ -98,28 +116,48 @@ public:
 private:
     static std::size_t grossSize(std::size_t size)
     {
-        return size + CheckForBufferOverflow::extraBytesFront() + CheckForBufferOverflow::extraBytesBack();
+        return size + CheckingPolicy::extraBytesFront() + CheckingPolicy::extraBytesBack();
     }
     static unsigned long chunksFor(std::size_t bytes) { return (bytes + 4095) / 4096; }
 
-    AllocationStatistics m_Statistics;
-    CheckForBufferOverflow m_Check;
-    NullptrOnError m_Errors;
+    AllocationStatistics m_Statistics; // registers itself with MemoryManager::locateInstance()
+    CheckingPolicy m_Check;
+    ErrorPolicy m_Errors;
     LockingPolicy m_Lock;
     MemoryManager& m_Budget;
 };
 
+using SharedAllocator = GuardedAllocator<ProtectByMutex, NullptrOnError, CheckForBufferOverflow>;
+using LocalAllocator = GuardedAllocator<NoMultiThreading, NullptrOnError, CheckForBufferOverflow>;
+
+// Writes one byte past the end of a block and frees it: the checking policy
+// logs which block was overwritten (allocator, file, line, guard addresses)
+// and aborts.
+void overrunAndFree(MemoryManager& budget)
+{
+    LocalAllocator scratch("Scratch", budget);
+    char* text = static_cast<char*>(scratch.allocate(8, __FILE__, __LINE__));
+    std::memcpy(text, "12345678", 9); // 9 bytes into 8: the terminator hits the back guard
+    scratch.deallocate(text, 8);      // reports and aborts here
+}
+
 } // namespace
 
-int main()
+int main(int argc, char** argv)
 {
-    MemoryManager budget(16 * 4096); // 16 chunks
+    const bool overflowHere = argc > 1 && std::string(argv[1]) == "--overflow";
+
+    MemoryManager budget(16 * 4096); // a budget of 16 chunks, apart from the process-wide one
     PrintingListener listener;
     budget.registerListener(listener);
-    {
-        GuardedAllocator<ProtectBySpinLock> tiles("Tiles", budget);
-        GuardedAllocator<NoMultiThreading> scratch("Scratch", budget);
 
+    if (overflowHere)
+    {
+        overrunAndFree(budget); // does not return
+    }
+
+    {
+        SharedAllocator tiles("Tiles", budget);
         constexpr std::size_t s_TileSize = 4000; // one chunk each, guards included
         std::vector<void*> blocks;
         for (;;)
@@ -133,22 +171,37 @@ int main()
             }
             std::memset(block, 0, s_TileSize); // every byte asked for may be used
             blocks.push_back(block);
-            std::cout << "tile " << blocks.size() << " allocated" << std::endl;
         }
-        std::cout << "scratch at Critical: " << (scratch.allocate(16, __FILE__, __LINE__) ? "granted" : "refused")
-                  << std::endl;
+        std::cout << blocks.size() << " tiles allocated" << std::endl;
 
-        // The records register with the process-wide budget; logged at Info.
+        // Every AllocationStatistics record is listed by the process-wide
+        // manager; the records are logged at level Info.
         MemoryManager::locateInstance().logStatistics();
 
         for (void* block : blocks)
         {
             tiles.deallocate(block, s_TileSize);
         }
-        void* small = scratch.allocate(16, __FILE__, __LINE__);
-        std::cout << "scratch after release: " << (small ? "granted" : "refused") << std::endl;
-        scratch.deallocate(small, 16);
+        std::cout << "all tiles freed, consumption " << budget.getMemoryConsumption() << std::endl;
     }
+
+    // The overflow report in a child process, so that its abort ends only the child.
+    std::cout << "overrunning a block in a child process:" << std::endl;
+    const pid_t child = fork();
+    if (child == 0)
+    {
+        overrunAndFree(budget);
+        _exit(0); // not reached
+    }
+    int status = 0;
+    if (child < 0 || waitpid(child, &status, 0) != child)
+    {
+        std::cerr << "could not run the child process" << std::endl;
+        return 1;
+    }
+    const bool aborted = WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT;
+    std::cout << "child " << (aborted ? "aborted after the report, as expected" : "did not abort") << std::endl;
+
     budget.unregisterListener(listener);
-    return 0;
+    return aborted ? 0 : 1;
 }
