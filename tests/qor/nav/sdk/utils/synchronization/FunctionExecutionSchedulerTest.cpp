@@ -103,6 +103,41 @@ TEST(FunctionExecutionSchedulerTest, FailuresReachTheCallerAndRepeatedShutdownIs
     EXPECT_EQ(2u, strategy->added()[0].id);
 }
 
+TEST(FunctionExecutionSchedulerTest, FunctionMayShutDownAnotherSchedulerAfterItsRunningWork)
+{
+    FunctionExecutionScheduler target("Target", 0, 0);
+    FunctionExecutionScheduler caller("Caller", 0, 0);
+    auto running = std::make_shared<qor::test::BlockingFunction>();
+    auto queued = std::make_shared<CountingFunction>();
+    target.scheduleExecutionImmediately(running, Duration(1));
+    target.scheduleExecutionLater(queued, Duration(60000));
+    target.start();
+    ASSERT_TRUE(running->entered.waitFor());
+
+    qor::test::Latch stopping(1);
+    std::atomic<long> queuedOwnersAfterStop{-1};
+    auto stopper = std::make_shared<CountingFunction>([&] {
+        stopping.countDown();
+        target.shutdown(); // joins the target's thread from the caller's
+        queuedOwnersAfterStop = queued.use_count();
+    });
+    caller.start();
+    caller.scheduleExecutionImmediately(stopper);
+    ASSERT_TRUE(stopping.waitFor());
+    EXPECT_EQ(0, stopper->runs()); // waits for the target's running function
+    running->release();
+    ASSERT_TRUE(stopper->waitForRuns(1));
+
+    EXPECT_EQ(1, queuedOwnersAfterStop.load()); // the target's queue went before shutdown() returned
+    EXPECT_EQ(1, running->runs());              // finished once, not queued again
+    EXPECT_EQ(1, running.use_count());
+    EXPECT_EQ(0, queued->started());
+    auto after = std::make_shared<CountingFunction>();
+    caller.scheduleExecutionImmediately(after);
+    EXPECT_TRUE(after->waitForRuns(1)); // the caller goes on working
+    target.shutdown();
+}
+
 // Several clients schedule immediate, delayed and periodic work and remove
 // their own ids at random while the worker runs. Some functions remove their
 // own id from the worker thread while they run, which would deadlock if

@@ -567,6 +567,50 @@ TEST(TimelineThreadsTest, ConcurrentThreadsRollOverIntoValidParts)
     expectSectionsPairUp(all);
 }
 
+// Outputs that fail while several threads record: writes into a full device,
+// part files under a regular file, and a part that already exists half-way
+// through. Recording stops or fails quietly; nothing hangs and the object
+// serves the next session.
+TEST(TimelineThreadsTest, BrokenOutputsUnderConcurrentRecordingFailQuietly)
+{
+    TemporaryDirectory dir;
+    Timeline timeline;
+    if (FILE* full = std::fopen("/dev/full", "w"))
+    {
+        timeline.startSession(full);
+        recordFromThreads(timeline, 3, 300);
+        timeline.finishSession();
+    }
+
+    writeFile(dir.path() + "/plain", "x");
+    timeline.startMultipartSession((dir.path() + "/plain/sub/t.json").c_str(), 100);
+    recordFromThreads(timeline, 3, 50);
+    timeline.finishSession();
+    EXPECT_EQ(std::vector<std::string>{"plain"}, dir.entries());
+
+    const std::string base = dir.path() + "/t.json";
+    writeFile(base + ".003", "keep");
+    timeline.startMultipartSession(base.c_str(), 500);
+    recordFromThreads(timeline, 3, 100);
+    timeline.finishSession();
+    EXPECT_EQ("keep", readFile(base + ".003"));
+    std::vector<std::string> expected = partNames("t.json", 1, 3);
+    expected.insert(expected.begin(), "plain");
+    EXPECT_EQ(expected, dir.entries()); // recording stopped at part 3
+    for (const std::string& name : partNames("/t.json", 1, 2))
+    {
+        EXPECT_LT(0u, countPhase(eventsOf(readFile(dir.path() + name)), "E")) << name;
+    }
+
+    const std::string path = dir.path() + "/later.json";
+    timeline.startSession(std::fopen(path.c_str(), "w"));
+    recordFromThreads(timeline, 2, 10);
+    timeline.finishSession();
+    const std::vector<Json> events = eventsOf(readFile(path));
+    EXPECT_EQ(2u * 20u, countPhase(events, "B"));
+    expectSectionsPairUp(events);
+}
+
 TEST(TimelineDeathTest, NullBaseNameIsAProgrammingError)
 {
     Timeline timeline;
