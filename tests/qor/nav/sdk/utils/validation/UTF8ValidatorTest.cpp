@@ -3,9 +3,15 @@
 // The byte-at-a-time reference automaton and the CESU-8 conversion are
 // internal to the library; the tests compare against them directly.
 #include "../../../../../../src/qor/nav/sdk/utils/validation/Utf8Automaton.h"
+// Every whole-buffer check this processor can run, not only the fastest.
+#if __has_include("../../../../../../src/qor/nav/sdk/utils/validation/Utf8Check.h")
+#include "../../../../../../src/qor/nav/sdk/utils/validation/Utf8Check.h"
+#define QOR_TEST_EVERY_CHECK_PATH 1
+#endif
 
 #include "support/FailingAllocation.h"
 #include "support/RecordingLogSink.h"
+#include "support/WellFormedUtf8.h"
 
 #include <gtest/gtest.h>
 
@@ -38,6 +44,11 @@ bool valid(const std::string& bytes)
 bool reference(const std::string& bytes)
 {
     return detail::validateStrictUtf8Reference(bytes.data(), bytes.size());
+}
+
+bool unicode(const std::string& bytes)
+{
+    return qor::test::isWellFormedUtf8(bytes);
 }
 
 std::string repaired(const std::string& bytes)
@@ -142,6 +153,7 @@ TEST(UTF8ValidatorTest, StressFileSectionsSpelledInHex)
         const bool expected = std::find(strict.begin(), strict.end(), entry.first) != strict.end();
         EXPECT_EQ(valid(bytes), expected);
         EXPECT_EQ(reference(bytes), expected);
+        EXPECT_EQ(unicode(bytes), expected);
         if (expected)
         {
             EXPECT_EQ(quotedBytesOf(entry.second), bytes);
@@ -246,53 +258,228 @@ TEST(UTF8ValidatorTest, ValidationAcceptsStrictFormsIncludingControls)
     EXPECT_FALSE(valid("\xFF" "abc"));
 }
 
-// The fast path must answer exactly like the byte-at-a-time automaton.
-void expectSameAnswer(const std::string& bytes)
+bool withoutControls(const std::string& bytes)
 {
-    ASSERT_EQ(valid(bytes), reference(bytes)) << hex(bytes);
+    return std::all_of(bytes.begin(), bytes.end(), [](char c) { return static_cast<unsigned char>(c) > 0x1F; });
 }
 
-TEST(UTF8ValidatorTest, FastValidationAgreesWithTheAutomatonAroundWordBoundaries)
+// Every answer to "is this strict UTF-8?" must match the check built from the
+// Unicode table of well-formed sequences: the validator, the byte-at-a-time
+// automaton and each whole-buffer check path. Repair is held to it too: it
+// gives its input back unchanged exactly when that is well-formed and free of
+// control characters (otherwise it drops or shortens something).
+testing::AssertionResult allAgree(const std::string& bytes)
+{
+    const bool expected = unicode(bytes);
+    const bool clean = expected && withoutControls(bytes);
+    std::ostringstream wrong;
+    if (valid(bytes) != expected)
+    {
+        wrong << "validator; ";
+    }
+    if (reference(bytes) != expected)
+    {
+        wrong << "automaton; ";
+    }
+    if ((repaired(bytes) == bytes) != clean)
+    {
+        wrong << "repair; ";
+    }
+#ifdef QOR_TEST_EVERY_CHECK_PATH
+    std::size_t count = 0;
+    const detail::Utf8CheckPath* paths = detail::availableUtf8CheckPaths(count);
+    const auto* data = reinterpret_cast<const std::uint8_t*>(bytes.data());
+    for (std::size_t i = 0; i < count; ++i)
+    {
+        if (paths[i].isStrictUtf8(data, bytes.size()) != expected)
+        {
+            wrong << paths[i].name << "; ";
+        }
+        if (paths[i].isStrictUtf8WithoutControls(data, bytes.size()) != clean)
+        {
+            wrong << paths[i].name << " without controls; ";
+        }
+    }
+#endif
+    if (wrong.str().empty())
+    {
+        return testing::AssertionSuccess();
+    }
+    return testing::AssertionFailure() << "well-formed: " << expected << ", wrong: " << wrong.str() << bytes.size()
+                                       << " bytes: " << hex(bytes);
+}
+
+// Every length up to 40, then each side of every 16-byte step up to 200, so
+// that a bad byte lands at, before and after the edges of 8-, 16-, 32- and
+// 64-byte blocks, and in the scalar tail after the last whole block.
+std::vector<std::size_t> lengthsAroundBlockEdges()
+{
+    std::vector<std::size_t> lengths;
+    for (std::size_t n = 0; n <= 40; ++n)
+    {
+        lengths.push_back(n);
+    }
+    for (std::size_t edge = 48; edge <= 192; edge += 16)
+    {
+        lengths.insert(lengths.end(), {edge - 1, edge, edge + 1});
+    }
+    lengths.push_back(200);
+    return lengths;
+}
+
+TEST(UTF8ValidatorTest, ValidatorsAgreeOnSequencesPlacedAtEveryOffsetOfAsciiText)
 {
     const std::vector<std::string> inserts = {
         "\x80", "\xBF", "\xC0", "\xC1", "\xC2", "\xE0", "\xED", "\xF0", "\xF4", "\xF5", "\xFF",  // bad alone
         "\xC3\xA4", "\xE2\x82\xAC", "\xF0\x9F\x98\x80",                                          // good
         "\xE0\x9F\xBF", "\xED\xA0\x80", "\xF0\x8F\xBF\xBF", "\xF4\x90\x80\x80", "\xE2\x82",      // bad
     };
-    for (std::size_t length = 0; length <= 40; ++length)
+    for (const std::size_t length : lengthsAroundBlockEdges())
     {
         const std::string ascii(length, 'a');
-        expectSameAnswer(ascii);
-        EXPECT_TRUE(valid(ascii));
-        for (std::size_t at = 0; at <= length; ++at)
+        ASSERT_TRUE(valid(ascii));
+        ASSERT_TRUE(allAgree(ascii));
+        for (const std::string& insert : inserts)
         {
-            for (const std::string& insert : inserts)
+            // Cut short at the end, on every byte of the sequence.
+            for (std::size_t keep = 1; keep < insert.size(); ++keep)
+            {
+                ASSERT_FALSE(valid(ascii + insert.substr(0, keep)));
+                ASSERT_TRUE(allAgree(ascii + insert.substr(0, keep)));
+            }
+            for (std::size_t at = 0; at <= length; ++at)
             {
                 std::string bytes = ascii;
                 bytes.insert(at, insert);
-                expectSameAnswer(bytes);
-                // Cut short at the end, on every byte of the sequence.
-                for (std::size_t keep = 1; keep < insert.size(); ++keep)
-                {
-                    expectSameAnswer(ascii + insert.substr(0, keep));
-                    EXPECT_FALSE(valid(ascii + insert.substr(0, keep)));
-                }
+                ASSERT_TRUE(allAgree(bytes));
             }
-            // One ASCII byte turned non-ASCII at each offset.
+        }
+        // One ASCII byte turned non-ASCII at each offset.
+        for (std::size_t at = 0; at < length; ++at)
+        {
             std::string flipped = ascii;
-            if (at < length)
+            flipped[at] = static_cast<char>(0x80 | flipped[at]);
+            ASSERT_FALSE(valid(flipped));
+            ASSERT_TRUE(allAgree(flipped));
+        }
+    }
+}
+
+// About 200 bytes of well-formed text after `shift` ASCII bytes, cycling
+// through characters of every length, edge values included, so that
+// multi-byte characters straddle block edges at every alignment.
+std::string mixedText(std::size_t shift)
+{
+    const std::vector<std::string> characters = {
+        "a", "\xC3\xA4", "\xE2\x82\xAC", "\xF0\x9F\x98\x80", "\xED\x9F\xBF", "\xF4\x8F\xBF\xBF",
+        "\xE0\xA0\x80", "\xF0\x90\x80\x80", "\xDF\xBF", "\xEF\xBF\xBF", "\xF3\xBF\xBF\xBF", "\x7F",
+    };
+    std::string text(shift, 'x');
+    for (std::size_t i = 0; text.size() < 200; ++i)
+    {
+        text += characters[i % characters.size()];
+    }
+    return text;
+}
+
+TEST(UTF8ValidatorTest, ValidatorsAgreeOnBrokenMultiByteTextAtEveryOffset)
+{
+    const std::string badBytes("\x00\x41\x80\x8F\x90\x9F\xA0\xBF\xC0\xC2\xDF\xE0\xED\xEF\xF0\xF4\xF5\xFF", 18);
+    for (std::size_t shift = 0; shift < 4; ++shift)
+    {
+        const std::string text = mixedText(shift);
+        SCOPED_TRACE("shift " + std::to_string(shift));
+        ASSERT_TRUE(valid(text));
+        ASSERT_TRUE(allAgree(text));
+        for (std::size_t at = 0; at < text.size(); ++at)
+        {
+            // Truncated at every byte: false exactly when the cut splits a character.
+            ASSERT_TRUE(allAgree(text.substr(0, at)));
+            std::string erased = text;
+            erased.erase(at, 1);
+            ASSERT_TRUE(allAgree(erased));
+            for (const char bad : badBytes)
             {
-                flipped[at] = static_cast<char>(0x80 | flipped[at]);
-                expectSameAnswer(flipped);
-                EXPECT_FALSE(valid(flipped));
+                std::string overwritten = text;
+                overwritten[at] = bad;
+                ASSERT_TRUE(allAgree(overwritten));
             }
         }
     }
 }
 
-std::string randomValidText(std::mt19937& random)
+TEST(UTF8ValidatorTest, ValidatorsAgreeOnLongRunsWithAFaultNearTheirEdges)
 {
-    std::uniform_int_distribution<int> count(0, 40);
+    const std::vector<std::string> units = {
+        "a", "\xC3\xA4", "\xE2\x82\xAC", "\xF0\x9F\x98\x80",  // well-formed runs
+        "\x80", "\xED\xA0\x80", "\xC0\xAF",                 // runs of what is never allowed
+    };
+    const std::vector<std::string> tails = {"", "\xC3", "\xE2\x82", "\xF0\x9F\x98", "\xFF", "\xF4\x90\x80\x80"};
+    for (const std::string& unit : units)
+    {
+        std::string run;
+        while (run.size() < 4096)
+        {
+            run += unit;
+        }
+        SCOPED_TRACE(hex(unit));
+        for (const std::string& tail : tails)
+        {
+            ASSERT_TRUE(allAgree(run + tail));
+        }
+        for (const std::size_t at : {0u, 7u, 8u, 15u, 16u, 31u, 32u, 63u, 64u, 65u, 127u, 128u, 4031u, 4032u, 4095u})
+        {
+            for (const char bad : {'\x80', '\xC0', '\xFF', 'a'})
+            {
+                std::string broken = run;
+                broken[at] = bad;
+                ASSERT_TRUE(allAgree(broken)) << "at " << at;
+            }
+        }
+    }
+    EXPECT_TRUE(valid(std::string(1 << 20, 'a') + "\xF4\x8F\xBF\xBF"));
+    EXPECT_FALSE(valid(std::string(1 << 20, 'a') + "\xF4\x8F\xBF"));
+}
+
+TEST(UTF8ValidatorTest, ValidatorsAgreeOnEveryShortSequenceOfRangeEdgeBytes)
+{
+    // Every byte that starts or ends a range of the well-formed table, or
+    // sits just outside one, in every combination of up to four; alone and
+    // after 62 ASCII bytes, so that the sequence crosses a 64-byte edge.
+    const std::string edges("\x00\x7F\x80\x8F\x90\x9F\xA0\xBF\xC0\xC1\xC2\xDF\xE0\xE1\xEC\xED\xEE\xEF\xF0\xF1\xF3\xF4\xF5\xFF",
+                            24);
+    const std::string lead(62, 'a');
+    std::size_t wellFormed = 0;
+    for (std::size_t count = 1; count <= 4; ++count)
+    {
+        std::vector<std::size_t> digit(count, 0);
+        while (true)
+        {
+            std::string bytes;
+            for (const std::size_t d : digit)
+            {
+                bytes.push_back(edges[d]);
+            }
+            ASSERT_TRUE(allAgree(bytes));
+            ASSERT_TRUE(allAgree(lead + bytes));
+            wellFormed += unicode(bytes) ? 1 : 0;
+            std::size_t i = 0;
+            while (i < count && ++digit[i] == edges.size())
+            {
+                digit[i++] = 0;
+            }
+            if (i == count)
+            {
+                break;
+            }
+        }
+    }
+    EXPECT_GT(wellFormed, 1000u) << "the combinations must include many well-formed ones";
+}
+
+std::string randomValidText(std::mt19937& random, int maxCharacters = 40)
+{
+    std::uniform_int_distribution<int> count(0, maxCharacters);
     std::uniform_int_distribution<int> kind(0, 9);
     std::string text;
     for (int n = count(random); n > 0; --n)
@@ -324,39 +511,43 @@ std::string randomValidText(std::mt19937& random)
     return text;
 }
 
-TEST(UTF8ValidatorTest, FastValidationAgreesWithTheAutomatonOnRandomInput)
+TEST(UTF8ValidatorTest, ValidatorsAgreeOnRandomInput)
 {
     std::mt19937 random(20261122);
     std::uniform_int_distribution<int> byte(0, 255);
-    std::uniform_int_distribution<int> length(0, 70);
+    std::uniform_int_distribution<std::size_t> length(0, 200);
+    // Uniform bytes are almost never valid past the first few; bytes drawn
+    // from the edges of the table's ranges get much further.
+    const std::string edges("\x00\x41\x7F\x80\x8F\x90\x9F\xA0\xBF\xC1\xC2\xDF\xE0\xE1\xEC\xED\xEE\xEF\xF0\xF1\xF3\xF4\xF5\xFF",
+                            24);
+    std::uniform_int_distribution<std::size_t> edge(0, edges.size() - 1);
     for (int i = 0; i < 20000; ++i)
     {
-        std::string bytes(static_cast<std::size_t>(length(random)), '\0');
+        std::string bytes(length(random), '\0');
         for (char& b : bytes)
         {
-            b = static_cast<char>(byte(random));
+            b = i % 2 == 0 ? static_cast<char>(byte(random)) : edges[edge(random)];
         }
-        expectSameAnswer(bytes);
+        ASSERT_TRUE(allAgree(bytes));
     }
     for (int i = 0; i < 20000; ++i)
     {
-        std::string text = randomValidText(random);
+        std::string text = randomValidText(random, 60);
         ASSERT_TRUE(valid(text)) << hex(text);
-        ASSERT_TRUE(reference(text)) << hex(text);
-        if (text.empty())
+        ASSERT_TRUE(allAgree(text));
+        // One to three mutations: overwrite, insert, erase or cut the end.
+        for (int m = i % 3; m >= 0 && !text.empty(); --m)
         {
-            continue;
+            const std::size_t at = std::uniform_int_distribution<std::size_t>(0, text.size() - 1)(random);
+            switch (byte(random) % 4)
+            {
+            case 0: text[at] = static_cast<char>(byte(random)); break;
+            case 1: text.insert(text.begin() + static_cast<std::ptrdiff_t>(at), static_cast<char>(byte(random))); break;
+            case 2: text.erase(at, 1); break;
+            default: text.resize(at); break;
+            }
         }
-        // One mutation: overwrite, insert, erase or cut the end.
-        const std::size_t at = std::uniform_int_distribution<std::size_t>(0, text.size() - 1)(random);
-        switch (i % 4)
-        {
-        case 0: text[at] = static_cast<char>(byte(random)); break;
-        case 1: text.insert(text.begin() + static_cast<std::ptrdiff_t>(at), static_cast<char>(byte(random))); break;
-        case 2: text.erase(at, 1); break;
-        default: text.resize(at); break;
-        }
-        expectSameAnswer(text);
+        ASSERT_TRUE(allAgree(text));
     }
 }
 
@@ -415,7 +606,7 @@ TEST(UTF8ValidatorTest, RepairGivesStrictTextAndKeepsStrictTextWithoutControls)
             b = static_cast<char>(byte(random));
         }
         const std::string fixed = repaired(text + noise + "\xED\xA0\xBD\xED\xB8\x80");
-        ASSERT_TRUE(valid(fixed)) << hex(text + noise);
+        ASSERT_TRUE(unicode(fixed)) << hex(text + noise);
         ASSERT_LE(fixed.size(), text.size() + noise.size() + 6);
         for (const char c : fixed)
         {
