@@ -125,6 +125,14 @@ public:
 private:
     static common::logging::Logger& getLogger();
 
+    // The work of updateChunks() for callers that hold the chunk mutex and
+    // have checked the budget; defined inline in the implementation so that
+    // requestChunks() and returnChunks() pay no call for it.
+    void changeChunks(std::ptrdiff_t difference);
+    // The full level computation over the thresholds, for a count in use
+    // that leaves the current level's range.
+    void recomputeStatus(float consumption);
+
     // Rise from level i when the consumption is above s_GrowingThresholds[i];
     // fall from level i when it is below s_DroppingThresholds[i]. The outer
     // entries are sentinels that are never reached.
@@ -142,6 +150,14 @@ private:
     common::system::Mutex m_ListenerMutex;
     common::system::Mutex m_ChunkMutex;
     common::system::Mutex m_StatisticsMutex;
+
+    // Derived from m_MaxChunks and the thresholds at construction, so that
+    // a change of chunks that keeps the level needs no float comparison:
+    // at level i the level rises once at least m_RisingChunks[i] chunks are
+    // in use and falls once fewer than m_FallingChunks[i] are.
+    std::uint64_t m_RisingChunks[4];
+    std::uint64_t m_FallingChunks[4];
+    float m_MaxChunksAsFloat;
 };
 
 } // namespace memory

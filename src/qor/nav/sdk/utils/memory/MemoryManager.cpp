@@ -3,7 +3,18 @@
 #include "qor/common/logging/LogLevel.h"
 
 #include <cassert>
+#include <limits>
 #include <ostream>
+
+#if defined(__SSE__) && defined(__x86_64__)
+#include <xmmintrin.h>
+#endif
+#if __has_include(<sys/single_threaded.h>)
+#include <sys/single_threaded.h>
+#define QOR_HAVE_SINGLE_THREADED 1
+#else
+#define QOR_HAVE_SINGLE_THREADED 0
+#endif
 
 namespace qor {
 namespace nav {
@@ -13,6 +24,7 @@ namespace memory {
 
 using common::logging::Logger;
 using common::logging::LogLevel;
+using common::system::Mutex;
 using common::system::MutexGuard;
 using allocator::policy::AllocationStatistics;
 
@@ -20,6 +32,111 @@ namespace {
 
 constexpr unsigned s_ChunkShift = 12; // chunks of 4,096 bytes
 constexpr unsigned long s_InstanceLimitInBytes = 536870912UL; // 512 MiB
+constexpr std::uint64_t s_Never = std::numeric_limits<std::uint64_t>::max();
+
+// Holds the chunk mutex. The sections it guards last a few nanoseconds, so a
+// thread that finds the mutex taken retries for a short while before it goes
+// to sleep in the kernel: sleeping and waking would cost far more than the
+// wait. After the retries it blocks like any mutex, so a holder that was
+// preempted costs the waiter no more than a bounded spin.
+class ChunkLock
+{
+public:
+    explicit ChunkLock(Mutex& mutex) : m_Mutex(mutex)
+    {
+        // A process with one thread cannot contend, and there the C
+        // library's plain lock is cheaper than a try.
+        if (processIsSingleThreaded())
+        {
+            m_Mutex.lock(Mutex::Wait);
+            return;
+        }
+        // Each failed try waits twice as long as the one before (up to a
+        // cap), so that the waiter leaves the mutex's cache line to the
+        // holder, who needs it to unlock.
+        int pauses = 1;
+        for (int attempt = 0; !m_Mutex.lock(Mutex::NoWait); ++attempt)
+        {
+            if (attempt == s_Attempts)
+            {
+                m_Mutex.lock(Mutex::Wait);
+                return;
+            }
+            for (int i = 0; i < pauses; ++i)
+            {
+                relax();
+            }
+            pauses = pauses < s_MaxPauses ? 2 * pauses : pauses;
+        }
+    }
+    ~ChunkLock() { m_Mutex.unlock(); }
+    ChunkLock(const ChunkLock&) = delete;
+    ChunkLock& operator=(const ChunkLock&) = delete;
+
+private:
+    static constexpr int s_Attempts = 32;
+    static constexpr int s_MaxPauses = 16;
+
+    static bool processIsSingleThreaded()
+    {
+#if QOR_HAVE_SINGLE_THREADED
+        return __libc_single_threaded != 0;
+#else
+        return false;
+#endif
+    }
+
+    static void relax()
+    {
+#if defined(__x86_64__) || defined(__i386__)
+        __builtin_ia32_pause();
+#elif defined(__aarch64__)
+        asm volatile("yield" ::: "memory");
+#endif
+    }
+
+    Mutex& m_Mutex;
+};
+
+// static_cast<float>(count) for the counts of a budget (below 2^52, so the
+// signed conversion gives the same result). On x86 the conversion writes
+// only the low lane of its register and so waits for whatever computed the
+// register's last value, which would chain each update to the previous
+// one's division; converting into a zeroed register breaks that chain.
+inline float toFloat(std::uint64_t count)
+{
+#if defined(__SSE__) && defined(__x86_64__)
+    return _mm_cvtss_f32(_mm_cvtsi64_ss(_mm_setzero_ps(), static_cast<long long>(count)));
+#else
+    return static_cast<float>(count);
+#endif
+}
+
+// The smallest count in [0, limit] for which `holds` is true, or s_Never;
+// `holds` must be false up to some count and true from there on.
+template <typename Predicate>
+std::uint64_t firstCountWhere(std::uint64_t limit, Predicate holds)
+{
+    if (!holds(limit))
+    {
+        return s_Never;
+    }
+    std::uint64_t low = 0;     // first candidate
+    std::uint64_t high = limit; // holds(high) is true
+    while (low < high)
+    {
+        const std::uint64_t middle = low + (high - low) / 2;
+        if (holds(middle))
+        {
+            high = middle;
+        }
+        else
+        {
+            low = middle + 1;
+        }
+    }
+    return high;
+}
 
 } // namespace
 
@@ -33,8 +150,27 @@ MemoryManager::MemoryManager(unsigned long limitInBytes)
     : m_MaxChunks(limitInBytes >> s_ChunkShift),
       m_AvailableChunks(m_MaxChunks),
       m_MemoryConsumption(0.0f),
-      m_MemoryStatus(Normal)
+      m_MemoryStatus(Normal),
+      m_MaxChunksAsFloat(static_cast<float>(m_MaxChunks))
 {
+    // The consumption of a count in use is the float quotient used by
+    // updateChunks(); it never falls as the count grows, so each threshold
+    // splits the counts 0..m_MaxChunks at one place. An empty budget divides
+    // 0 by 0: no count passes any threshold, and the level never moves.
+    const auto consumptionOf = [this](std::uint64_t inUse) {
+        return static_cast<float>(inUse) / m_MaxChunksAsFloat;
+    };
+    for (unsigned level = Normal; level <= Critical; ++level)
+    {
+        m_RisingChunks[level] =
+            level == Critical ? s_Never : firstCountWhere(m_MaxChunks, [&](std::uint64_t inUse) {
+                return consumptionOf(inUse) > s_GrowingThresholds[level];
+            });
+        m_FallingChunks[level] =
+            level == Normal ? 0 : firstCountWhere(m_MaxChunks, [&](std::uint64_t inUse) {
+                return !(consumptionOf(inUse) < s_DroppingThresholds[level]);
+            });
+    }
     // No separator after the operation name here: existing log parsers expect
     // the line exactly like this.
     getLogger() << LogLevel::Debug << "MemoryManager" << "Initialized memory manager with a limit of "
@@ -62,9 +198,40 @@ float MemoryManager::getMemoryConsumption() const
     return m_MemoryConsumption.load(std::memory_order_relaxed);
 }
 
+// The hot path of requestChunks() and returnChunks(): the caller holds the
+// chunk mutex. The consumption is stored on every change; the level is only
+// recomputed when the count in use leaves the current level's range, so a
+// change that keeps the level costs one division and two integer compares.
+inline void MemoryManager::changeChunks(std::ptrdiff_t difference)
+{
+    assert( ( difference >= 0 ) || ( static_cast< std::size_t >( - difference ) <= m_AvailableChunks ) );
+    assert( ( difference < 0 ) || ( static_cast< std::size_t >( difference ) + m_AvailableChunks <= m_MaxChunks ) );
+
+    if (difference < 0)
+    {
+        m_AvailableChunks -= static_cast<std::uint64_t>(-difference);
+    }
+    else
+    {
+        m_AvailableChunks += static_cast<std::uint64_t>(difference);
+    }
+    const std::uint64_t inUse = m_MaxChunks - m_AvailableChunks;
+
+    // Both operands in single precision, so that consumption and thresholds
+    // compare exactly (70 of 100 chunks is not above 0.70).
+    const float consumption = toFloat(inUse) / m_MaxChunksAsFloat;
+    m_MemoryConsumption.store(consumption, std::memory_order_relaxed);
+
+    const unsigned level = m_MemoryStatus.load(std::memory_order_relaxed);
+    if (inUse >= m_RisingChunks[level] || inUse < m_FallingChunks[level])
+    {
+        recomputeStatus(consumption);
+    }
+}
+
 bool MemoryManager::requestChunks(unsigned long count)
 {
-    MutexGuard guard(m_ChunkMutex);
+    ChunkLock lock(m_ChunkMutex);
     if (m_AvailableChunks < count)
     {
         return false;
@@ -75,14 +242,14 @@ bool MemoryManager::requestChunks(unsigned long count)
     {
         return false;
     }
-    updateChunks(-static_cast<std::ptrdiff_t>(count));
+    changeChunks(-static_cast<std::ptrdiff_t>(count));
     return true;
 }
 
 void MemoryManager::returnChunks(unsigned long count)
 {
-    MutexGuard guard(m_ChunkMutex);
-    updateChunks(static_cast<std::ptrdiff_t>(count));
+    ChunkLock lock(m_ChunkMutex);
+    changeChunks(static_cast<std::ptrdiff_t>(count));
 }
 
 void MemoryManager::registerListener(IMemoryListener& listener)
@@ -145,25 +312,14 @@ void MemoryManager::notifyListeners(MemoryStatus newStatus, MemoryStatus oldStat
 
 void MemoryManager::updateChunks(std::ptrdiff_t difference)
 {
-    assert( ( difference >= 0 ) || ( static_cast< std::size_t >( - difference ) <= m_AvailableChunks ) );
-    assert( ( difference < 0 ) || ( static_cast< std::size_t >( difference ) + m_AvailableChunks <= m_MaxChunks ) );
+    changeChunks(difference);
+}
 
-    if (difference < 0)
-    {
-        m_AvailableChunks -= static_cast<std::uint64_t>(-difference);
-    }
-    else
-    {
-        m_AvailableChunks += static_cast<std::uint64_t>(difference);
-    }
-
-    // Both operands in single precision, so that consumption and thresholds
-    // compare exactly (70 of 100 chunks is not above 0.70). An empty budget
-    // gives 0/0, a NaN that compares false with every threshold.
-    const float consumption =
-        static_cast<float>(m_MaxChunks - m_AvailableChunks) / static_cast<float>(m_MaxChunks);
-    m_MemoryConsumption.store(consumption, std::memory_order_relaxed);
-
+// Rises while the consumption is above the current level's rising threshold,
+// then falls while it is below the falling one, storing every step; tells
+// the listeners once, with the final level, when it differs from the first.
+void MemoryManager::recomputeStatus(float consumption)
+{
     const MemoryStatus old = m_MemoryStatus.load(std::memory_order_relaxed);
     unsigned s = old;
     while (s < Critical && consumption > s_GrowingThresholds[s])
