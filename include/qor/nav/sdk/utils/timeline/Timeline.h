@@ -43,6 +43,7 @@
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -146,6 +147,15 @@ private:
     std::uint64_t m_StartTime;                 // microseconds
     bool m_NeedComma;
     std::atomic<std::uint8_t> m_Lock;          // 0 free, 1 taken
+
+    // A process-wide unique number of the current file, changed whenever
+    // m_NamedThreads is emptied for a new file; read without the lock by a
+    // thread that wants to know whether it has been named in this file.
+    std::atomic<std::uint64_t> m_FileNumber;
+    // The output buffer of files that the timeline tunes (regular files
+    // whose stream has not been used yet); allocated with the first such
+    // file and reused for the following ones.
+    std::unique_ptr<char[]> m_StreamBuffer;
 };
 
 } // namespace timeline

@@ -5,11 +5,14 @@
 #include "qor/common/system/Thread.h"
 
 #include <fcntl.h>
+#include <stdio_ext.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cassert>
 #include <cstdarg>
+#include <new>
 
 namespace qor {
 namespace nav {
@@ -29,7 +32,6 @@ const char* const kThreadNameEvent =
     "{\"pid\":1,\"tid\":%lu,\"ph\":\"M\",\"name\":\"thread_name\",\"args\":{\"name\":\"%s\"}}\n";
 const char* const kBeginEvent = "{\"name\":\"%s\",\"ph\":\"B\",\"ts\":%ld,\"pid\":1,\"tid\":%lu%s";
 const char* const kCategoryMember = "\"cat\":\"%s\"";
-const char* const kEventEnd = "}\n";
 const char* const kEndEvent = "{\"ph\":\"E\",\"ts\":%ld,\"pid\":1,\"tid\":%lu}\n";
 const char* const kGridMark = "{\"name\":\"VSYNC\",\"ph\":\"i\",\"s\":\"t\",\"ts\":%ld,\"pid\":1,\"tid\":%lu}\n";
 
@@ -42,12 +44,61 @@ std::uint64_t now()
     return HighResolutionTimer::getTicks() / 1000u;
 }
 
-// The calling thread's id, read under its Thread's own mutex.
+// What a thread remembers between its events: its id, and the number of
+// the file in which it last named itself (0: none). Trivially destructible,
+// so it stays usable while the thread ends.
+struct ThreadMemo
+{
+    std::uint64_t id;
+    std::uint64_t namedInFile;
+};
+
+thread_local ThreadMemo t_Memo = {0, 0};
+
+// File numbers are unique in the process, so that a thread's memo can never
+// match a file of another timeline, nor a later file of the same one.
+std::atomic<std::uint64_t> s_NextFileNumber{1};
+
+// The calling thread's id. Read once per thread from its Thread object, under
+// that Thread's own mutex, and kept: the id of a running thread never
+// changes, and the lookup would otherwise cost two calls and a lock per event.
 std::uint64_t currentThreadId()
 {
-    Thread& thread = Thread::getCurrentThread();
-    MutexGuard guard(thread.getMutex());
-    return thread.getId();
+    ThreadMemo& memo = t_Memo;
+    if (memo.id == 0)
+    {
+        Thread& thread = Thread::getCurrentThread();
+        MutexGuard guard(thread.getMutex());
+        memo.id = thread.getId();
+    }
+    return memo.id;
+}
+
+constexpr std::size_t kStreamBufferSize = 64 * 1024;
+
+// Prepares a stream for this class's writes. The stream's own lock is left
+// to the caller: every write of the class happens under the timeline's lock,
+// so locking the stream again per call would only cost time. A regular file
+// whose stream has not been used yet gets a larger buffer, so that a
+// recording makes few, large writes; other streams (terminals, pipes,
+// devices, memory streams) and streams already in use keep theirs.
+void tuneStream(FILE* stream, std::unique_ptr<char[]>& buffer)
+{
+    ::__fsetlocking(stream, FSETLOCKING_BYCALLER);
+    const int descriptor = ::fileno(stream);
+    struct stat status;
+    if (descriptor < 0 || ::__fbufsize(stream) != 0 || ::fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode))
+    {
+        return;
+    }
+    if (buffer == nullptr)
+    {
+        buffer.reset(new (std::nothrow) char[kStreamBufferSize]);
+    }
+    if (buffer != nullptr)
+    {
+        std::setvbuf(stream, buffer.get(), _IOFBF, kStreamBufferSize);
+    }
 }
 
 // Null strings print as glibc's "%s" prints them, without handing null to it.
@@ -94,7 +145,8 @@ static_assert(sizeof(unsigned long) == sizeof(std::uint64_t), "%lu prints 64-bit
 
 Timeline::Timeline()
     : m_Active(false), m_File(nullptr), m_BaseName(), m_PartNumber(0), m_BytesWritten(0), m_PartSizeLimit(0),
-      m_SessionThreadId(0), m_NamedThreads(), m_StartTime(0), m_NeedComma(false), m_Lock(0)
+      m_SessionThreadId(0), m_NamedThreads(), m_StartTime(0), m_NeedComma(false), m_Lock(0), m_FileNumber(0),
+      m_StreamBuffer()
 {
 }
 
@@ -156,7 +208,7 @@ void Timeline::beginSection(const char* name, const char* category, const char* 
         // Not the first output of the file, so this puts the comma in front of the member.
         appendCSV(kCategoryMember, category);
     }
-    append("%s", kEventEnd);
+    append("}\n");
 }
 
 void Timeline::endSection()
@@ -185,6 +237,15 @@ void Timeline::setThreadName(unsigned long threadId, const char* name)
 
 void Timeline::setCurrentThreadNameIfNeeded()
 {
+    // A thread that named itself in the current file knows it without the
+    // lock. Should the file change right after this check, the thread's next
+    // event lands in the new file unnamed, exactly as when the locked check
+    // below runs just before the change.
+    ThreadMemo& memo = t_Memo;
+    if (memo.namedInFile != 0 && memo.namedInFile == m_FileNumber.load(std::memory_order_acquire))
+    {
+        return;
+    }
     SpinLockGuard guard(m_Lock);
     if (!m_Active.load())
     {
@@ -192,12 +253,12 @@ void Timeline::setCurrentThreadNameIfNeeded()
     }
     const std::uint64_t threadId = currentThreadId();
     const auto position = std::lower_bound(m_NamedThreads.begin(), m_NamedThreads.end(), threadId);
-    if (position != m_NamedThreads.end() && *position == threadId)
+    if (position == m_NamedThreads.end() || *position != threadId)
     {
-        return;
+        setThreadName(static_cast<unsigned long>(threadId), Thread::getCurrentThread().getName());
+        m_NamedThreads.insert(position, threadId);
     }
-    setThreadName(static_cast<unsigned long>(threadId), Thread::getCurrentThread().getName());
-    m_NamedThreads.insert(position, threadId);
+    memo.namedInFile = m_FileNumber.load(std::memory_order_relaxed);
 }
 
 void Timeline::append(const char* format, ...)
@@ -261,11 +322,13 @@ void Timeline::startSessionCommon()
     {
         return;
     }
+    tuneStream(m_File, m_StreamBuffer);
     m_Active.store(true);
     m_NeedComma = false;
     m_SessionThreadId = currentThreadId();
     append("%s", kHeader);
     m_NamedThreads.clear();
+    m_FileNumber.store(s_NextFileNumber.fetch_add(1, std::memory_order_relaxed), std::memory_order_release);
     m_StartTime = now();
 }
 
