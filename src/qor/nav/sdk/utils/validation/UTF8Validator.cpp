@@ -2,6 +2,7 @@
 
 #include "qor/common/logging/Logger.h"
 #include "qor/nav/sdk/utils/validation/Utf8Automaton.h"
+#include "qor/nav/sdk/utils/validation/Utf8Check.h"
 
 #include <cstring>
 #include <exception>
@@ -120,15 +121,6 @@ bool convertCESU8ToUTF8(const std::string& group, Utf8String& result)
 
 namespace {
 
-constexpr std::uint64_t kHighBits = 0x8080808080808080ull;
-
-std::uint64_t load64(const std::uint8_t* at) noexcept
-{
-    std::uint64_t word;
-    std::memcpy(&word, at, sizeof word);
-    return word;
-}
-
 // Whether `byte` continues a CESU-8 group of which `collected` bytes are
 // already in the buffer: ED A0..AF 80..BF ED B0..BF 80..BF.
 bool continuesCesu8Group(std::uint8_t byte, std::size_t collected) noexcept
@@ -144,38 +136,7 @@ bool continuesCesu8Group(std::uint8_t byte, std::size_t collected) noexcept
 bool UTF8Validator::validateStrictUtf8(const Utf8String& text) noexcept
 {
     const std::string& bytes = text.str();
-    const std::uint8_t* const data = reinterpret_cast<const std::uint8_t*>(bytes.data());
-    const std::size_t size = bytes.size();
-    std::size_t i = 0;
-    std::uint32_t state = detail::kAccept;
-    while (i < size)
-    {
-        if (state == detail::kAccept)
-        {
-            // At a character boundary, ASCII runs need no automaton: skip
-            // them sixteen, then eight bytes at a time.
-            while (size - i >= 16 && ((load64(data + i) | load64(data + i + 8)) & kHighBits) == 0)
-            {
-                i += 16;
-            }
-            if (size - i >= 8 && (load64(data + i) & kHighBits) == 0)
-            {
-                i += 8;
-                continue;
-            }
-        }
-        // Up to sixteen bytes through the automaton, then try again.
-        const std::size_t end = size - i > 16 ? i + 16 : size;
-        for (; i < end; ++i)
-        {
-            state = detail::kTransition[state + detail::kByteClass[data[i]]];
-            if (state == detail::kReject)
-            {
-                return false;
-            }
-        }
-    }
-    return state == detail::kAccept;
+    return detail::isStrictUtf8(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
 }
 
 Utf8String UTF8Validator::makeStrictUtf8Conform(const Utf8String& text)
@@ -203,6 +164,15 @@ Utf8String UTF8Validator::makeStrictUtf8Conform(const Utf8String& text)
     }
 
     const std::uint8_t* const data = reinterpret_cast<const std::uint8_t*>(bytes.data());
+    if (detail::isStrictUtf8WithoutControls(data, size))
+    {
+        // Strict text without control characters: the walk below would emit
+        // every character as it is (an ED here is followed by 80..9F, so it
+        // never starts a CESU-8 group), so the result is the text itself.
+        result.append(text);
+        return result;
+    }
+
     std::size_t collected = 0; // bytes in `group`
     std::uint32_t state = detail::kAccept;
     std::uint32_t codePoint = 0;
