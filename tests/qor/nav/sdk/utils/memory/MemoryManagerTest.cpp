@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <cmath>
+#include <cstdint>
 #include <string>
 #include <thread>
 #include <vector>
@@ -268,6 +269,128 @@ TEST_F(MemoryManagerTest, ConcurrentRequestersEndBalancedWithAConsistentStatusHi
         level = heard.newStatus;
     }
     EXPECT_EQ(Critical, level);
+}
+
+// The level as the thresholds define it, computed step by step in single
+// precision: the reference for the manager, which decides most changes
+// without comparing floats.
+class ReferenceLevel
+{
+public:
+    explicit ReferenceLevel(std::uint64_t maxChunks) : m_MaxChunks(maxChunks) {}
+
+    float consumptionOf(std::uint64_t inUse) const
+    {
+        return static_cast<float>(inUse) / static_cast<float>(m_MaxChunks);
+    }
+
+    // Moves to `inUse` chunks in use; returns the (new, old) pair a listener
+    // hears, or nothing when the level stays.
+    std::vector<RecordingMemoryListener::Notification> moveTo(std::uint64_t inUse)
+    {
+        static const float rising[] = {0.70f, 0.89f, 0.98f};
+        static const float falling[] = {0.0f, 0.65f, 0.85f, 0.95f};
+        const float c = consumptionOf(inUse);
+        const MemoryStatus old = m_Level;
+        unsigned s = old;
+        while (s < 3 && c > rising[s])
+        {
+            ++s;
+        }
+        while (s > 0 && c < falling[s])
+        {
+            --s;
+        }
+        m_Level = static_cast<MemoryStatus>(s);
+        if (m_Level == old)
+        {
+            return {};
+        }
+        return {{m_Level, old}};
+    }
+
+    MemoryStatus level() const { return m_Level; }
+
+private:
+    std::uint64_t m_MaxChunks;
+    MemoryStatus m_Level = Normal;
+};
+
+// Drives a manager of `maxChunks` chunks through `targets` (chunks in use,
+// reached by one request or return each) and checks every call against the
+// reference: granted or refused, level, consumption and notifications.
+void expectLevelsAlong(std::uint64_t maxChunks, const std::vector<std::uint64_t>& targets)
+{
+    MemoryManager manager(static_cast<unsigned long>(maxChunks << 12));
+    RecordingMemoryListener listener;
+    RecordingMemoryListener::Registration registration(manager, listener);
+    ReferenceLevel reference(maxChunks);
+    std::uint64_t inUse = 0;
+    for (const std::uint64_t target : targets)
+    {
+        SCOPED_TRACE(::testing::Message() << maxChunks << " chunks, from " << inUse << " to " << target << " in use");
+        listener.clear();
+        if (target >= inUse)
+        {
+            const bool grantable = reference.level() != Critical;
+            ASSERT_EQ(grantable, manager.requestChunks(static_cast<unsigned long>(target - inUse)));
+            if (!grantable)
+            {
+                EXPECT_TRUE(listener.notifications().empty());
+                continue;
+            }
+        }
+        else
+        {
+            manager.returnChunks(static_cast<unsigned long>(inUse - target));
+        }
+        inUse = target;
+        ASSERT_EQ(reference.moveTo(inUse), listener.notifications());
+        ASSERT_EQ(reference.level(), manager.getMemoryStatus());
+        ASSERT_EQ(reference.consumptionOf(inUse), manager.getMemoryConsumption());
+    }
+}
+
+TEST(MemoryManagerLevelsTest, EveryCountInUseGetsTheLevelOfTheThresholds)
+{
+    // One chunk at a time up to the first refusal and back, for budgets where
+    // the thresholds fall on, next to and between whole chunks.
+    for (const std::uint64_t maxChunks : {1u, 2u, 3u, 7u, 20u, 99u, 100u, 101u, 1000u, 12345u, 131072u})
+    {
+        std::vector<std::uint64_t> targets;
+        for (std::uint64_t k = 1; k <= maxChunks; ++k)
+        {
+            targets.push_back(k);
+        }
+        for (std::uint64_t k = maxChunks; k-- > 0;)
+        {
+            targets.push_back(k);
+        }
+        expectLevelsAlong(maxChunks, targets);
+    }
+}
+
+TEST(MemoryManagerLevelsTest, JumpsAroundEachThresholdOfLargeBudgets)
+{
+    // Budgets beyond the float's 24-bit mantissa, where neighbouring counts
+    // share a consumption: every count near a threshold, reached by jumps up
+    // from empty and down from full.
+    const float thresholds[] = {0.65f, 0.70f, 0.85f, 0.89f, 0.95f, 0.98f};
+    for (const std::uint64_t maxChunks :
+         {std::uint64_t{1} << 24, (std::uint64_t{1} << 30) + 3, std::uint64_t{0xFFFFFFFFFFFFFFFFu} >> 12})
+    {
+        std::vector<std::uint64_t> targets;
+        for (const float threshold : thresholds)
+        {
+            const auto middle = static_cast<std::uint64_t>(static_cast<double>(threshold) * static_cast<double>(maxChunks));
+            for (std::uint64_t k = middle - 300; k <= middle + 300; k += 3)
+            {
+                targets.insert(targets.end(), {k, 0, k, maxChunks / 2, maxChunks, k});
+            }
+            targets.push_back(0);
+        }
+        expectLevelsAlong(maxChunks, targets);
+    }
 }
 
 using MemoryManagerDeathTest = MemoryManagerTest;
