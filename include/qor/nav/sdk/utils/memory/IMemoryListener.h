@@ -48,7 +48,7 @@ public:
 
     // The link through which a MemoryManager lists this listener; null
     // pointers while unregistered. Managed by MemoryManager only.
-    common::utils::IntrusiveListElem<IMemoryListener> m_Elem;
+    qor::common::utils::IntrusiveListElem<IMemoryListener> m_Elem;
 };
 
 } // namespace memory

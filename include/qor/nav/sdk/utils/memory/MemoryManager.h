@@ -123,7 +123,7 @@ public:
     void updateChunks(std::ptrdiff_t difference);
 
 private:
-    static common::logging::Logger& getLogger();
+    static qor::common::logging::Logger& getLogger();
 
     // The work of updateChunks() for callers that hold the chunk mutex and
     // have checked the budget; defined inline in the implementation so that
@@ -143,13 +143,13 @@ private:
     std::uint64_t m_AvailableChunks;                 // guarded by m_ChunkMutex
     std::atomic<float> m_MemoryConsumption;          // written under m_ChunkMutex, read freely
     std::atomic<MemoryStatus> m_MemoryStatus;        // written under m_ChunkMutex, read freely
-    common::utils::IntrusiveList<IMemoryListener, &IMemoryListener::m_Elem> m_Listeners; // m_ListenerMutex
-    common::utils::IntrusiveList<allocator::policy::AllocationStatistics,
+    qor::common::utils::IntrusiveList<IMemoryListener, &IMemoryListener::m_Elem> m_Listeners; // m_ListenerMutex
+    qor::common::utils::IntrusiveList<allocator::policy::AllocationStatistics,
                                  &allocator::policy::AllocationStatistics::m_Elem>
         m_Statistics; // guarded by m_StatisticsMutex
-    common::system::Mutex m_ListenerMutex;
-    common::system::Mutex m_ChunkMutex;
-    common::system::Mutex m_StatisticsMutex;
+    qor::common::system::Mutex m_ListenerMutex;
+    qor::common::system::Mutex m_ChunkMutex;
+    qor::common::system::Mutex m_StatisticsMutex;
 
     // Derived from m_MaxChunks and the thresholds at construction, so that
     // a change of chunks that keeps the level needs no float comparison:

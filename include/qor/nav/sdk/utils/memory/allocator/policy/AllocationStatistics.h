@@ -52,7 +52,7 @@ public:
 
     std::uint64_t m_BytesAllocated;  // advanced by the owning allocator
     std::uint64_t m_AllocationsMade; // advanced by the owning allocator
-    common::utils::IntrusiveListElem<AllocationStatistics> m_Elem; // the manager's link
+    qor::common::utils::IntrusiveListElem<AllocationStatistics> m_Elem; // the manager's link
     const char* m_Name;              // not owned
 };
 

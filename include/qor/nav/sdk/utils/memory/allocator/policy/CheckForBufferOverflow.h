@@ -70,7 +70,7 @@ public:
     void* onDeallocation(void* userPtr);
 
     // The policy's logger, created on first use.
-    static common::logging::Logger& getLogger();
+    static qor::common::logging::Logger& getLogger();
 
 private:
     const char* m_Name;

@@ -30,7 +30,7 @@ class ProtectByMutexGuard
 {
 public:
     // Locks `mutex` (waiting as long as it takes) and holds it.
-    explicit ProtectByMutexGuard(common::system::Mutex& mutex);
+    explicit ProtectByMutexGuard(qor::common::system::Mutex& mutex);
 
     // Takes over `other`'s lock; `other` then holds nothing.
     ProtectByMutexGuard(ProtectByMutexGuard&& other) noexcept;
@@ -46,7 +46,7 @@ public:
     ProtectByMutexGuard& operator=(const ProtectByMutexGuard&) = delete;
 
 private:
-    common::system::Mutex* m_pMutex; // null when moved from
+    qor::common::system::Mutex* m_pMutex; // null when moved from
 };
 
 class ProtectByMutex
@@ -56,7 +56,7 @@ public:
     ProtectByMutexGuard lock();
 
 private:
-    common::system::Mutex m_Mutex;
+    qor::common::system::Mutex m_Mutex;
 };
 
 } // namespace policy
