@@ -1,6 +1,7 @@
 #include "qor/common/types/utf8/Utf8String.h"
 
 #include "qor/common/errors/InvalidArgumentException.h"
+#include "qor/common/types/utf8/ByteSearch.h"
 
 namespace qor {
 namespace common {
@@ -151,13 +152,26 @@ Utf8String& Utf8String::replace(std::size_t pos, std::size_t len, const Utf8Stri
 
 Utf8String& Utf8String::replaceAll(const Utf8String& what, const Utf8String& with)
 {
-    if (what.m_Bytes.empty())
+    const std::size_t whatSize = what.m_Bytes.size();
+    if (whatSize == 0)
     {
         return *this;
     }
-    std::size_t at = m_Bytes.find(what.m_Bytes);
+    const char* const needle = what.m_Bytes.data();
+    std::size_t at = detail::findBytes(m_Bytes.data(), m_Bytes.size(), 0, needle, whatSize);
     if (at == std::string::npos)
     {
+        return *this;
+    }
+    if (with.m_Bytes.size() == whatSize)
+    {
+        // Same size: overwrite in place. The search goes on after the
+        // overwritten bytes, as it would in the original text.
+        do
+        {
+            m_Bytes.replace(at, whatSize, with.m_Bytes);
+            at = detail::findBytes(m_Bytes.data(), m_Bytes.size(), at + whatSize, needle, whatSize);
+        } while (at != std::string::npos);
         return *this;
     }
     std::string result;
@@ -167,8 +181,8 @@ Utf8String& Utf8String::replaceAll(const Utf8String& what, const Utf8String& wit
     {
         result.append(m_Bytes, copied, at - copied);
         result.append(with.m_Bytes);
-        copied = at + what.m_Bytes.size();
-        at = m_Bytes.find(what.m_Bytes, copied);
+        copied = at + whatSize;
+        at = detail::findBytes(m_Bytes.data(), m_Bytes.size(), copied, needle, whatSize);
     }
     result.append(m_Bytes, copied, std::string::npos);
     m_Bytes.swap(result);

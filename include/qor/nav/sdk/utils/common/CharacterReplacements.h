@@ -46,6 +46,11 @@ namespace sdk {
 namespace utils {
 namespace common {
 
+namespace detail {
+// Internal: the readers' copy of one table.
+struct ReplacementSnapshot;
+} // namespace detail
+
 // One occurrence accepted by CharacterReplacements::replaceCharacters().
 struct Replacement
 {
@@ -118,8 +123,9 @@ public:
 private:
     CharacterReplacements();
 
-    // Copy of the table stored under the replacement id, empty when none.
-    ReplacementTable takeSnapshot() const;
+    // A copy of the table stored under the replacement id (no entries when
+    // there is none), taken under the read lock.
+    void takeSnapshot(detail::ReplacementSnapshot& snapshot) const;
 
     ReplacementTables m_Replacements;
     qor::common::system::RWLock m_Lock; // guards m_Replacements

@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -173,6 +175,97 @@ TEST_F(CharacterReplacementsTest, EmptySearchTextTakesEveryFreePositionAndStops)
     const CharacterReplacementResult result = instance().replaceCharacters("abc");
     EXPECT_EQ(result.text.str(), "XaXbXc");
     EXPECT_EQ(describe(result), (Records{"0:>X", "1:>X", "2:>X"}));
+}
+
+// --- Against the rule applied step by step ------------------------------------
+//
+// The readers work on bytes and keep an index of what accepted records
+// occupy, so that long texts stay linear. These models do the same work the
+// plain way, through Utf8String's character positions: every candidate tested
+// against every accepted record, the records applied one by one from the
+// right, replaceAll chained over the whole table.
+
+CharacterReplacementResult replacedStepByStep(const Utf8String& text, const Table& table)
+{
+    std::vector<Replacement> accepted;
+    for (const auto& entry : table)
+    {
+        const Utf8String& from = entry.first;
+        const Utf8String& to = entry.second;
+        for (std::size_t pos = text.find(from, 0); pos != Utf8String::npos; pos = text.find(from, pos + 1))
+        {
+            bool rejected = false;
+            for (const Replacement& r : accepted)
+            {
+                rejected = rejected || pos == r.position ||
+                           (pos > r.position && pos < r.position + r.to.length()) ||
+                           (pos < r.position && pos + from.size() > r.position);
+            }
+            if (!rejected)
+            {
+                accepted.push_back(Replacement{pos, from, to});
+            }
+        }
+    }
+    std::sort(accepted.begin(), accepted.end(),
+              [](const Replacement& a, const Replacement& b) { return a.position < b.position; });
+    CharacterReplacementResult result{text, {}};
+    for (auto r = accepted.rbegin(); r != accepted.rend(); ++r)
+    {
+        result.text.replace(r->position, r->from.length(), r->to);
+    }
+    result.replacements = accepted;
+    return result;
+}
+
+// Random well-formed text over a small alphabet of one- to four-byte
+// characters, so that search texts hit often and overlap.
+std::string randomText(std::mt19937& random, std::size_t maxCharacters)
+{
+    static const char* const alphabet[] = {"a", "b", " ", "\xC3\xA4", "\xE2\x82\xAC", "\xF0\x9F\x98\x80"};
+    std::string text;
+    for (std::size_t n = random() % (maxCharacters + 1); n > 0; --n)
+    {
+        text += alphabet[random() % 6];
+    }
+    return text;
+}
+
+TEST_F(CharacterReplacementsTest, ReadersMatchTheRuleAppliedStepByStepOnRandomTables)
+{
+    std::mt19937 random(4711);
+    for (int round = 0; round < 3000; ++round)
+    {
+        Table table;
+        for (std::size_t n = 1 + random() % 6; n > 0; --n)
+        {
+            std::string from = randomText(random, 3);
+            if (from.empty())
+            {
+                from = "a";
+            }
+            // Replacement texts from empty to longer than any search text.
+            table.emplace_back(from, randomText(random, round % 5 == 0 ? 12 : 4));
+        }
+        use(table);
+        // Mostly short lines; every tenth text long enough for many records,
+        // a few longer than the 4 KiB that counters cover in one go.
+        const std::size_t length = round % 1000 == 999 ? 3000 : round % 10 == 0 ? 400 : 40;
+        const Utf8String text(randomText(random, length));
+        SCOPED_TRACE("round " + std::to_string(round) + ", text '" + text.str() + "'");
+
+        const CharacterReplacementResult expected = replacedStepByStep(text, table);
+        const CharacterReplacementResult actual = instance().replaceCharacters(text);
+        ASSERT_EQ(actual.text.str(), expected.text.str());
+        ASSERT_EQ(describe(actual), describe(expected));
+
+        Utf8String chained = text;
+        for (const auto& entry : table)
+        {
+            chained.replaceAll(entry.first, entry.second);
+        }
+        ASSERT_EQ(applied(text.str()), chained.str());
+    }
 }
 
 TEST_F(CharacterReplacementsTest, ReadersSeeWholeTablesWhileAWriterReplacesThem)
