@@ -25,6 +25,7 @@
 
 #include "qor/nav/sdk/utils/synchronization/Strategy.h"
 
+#include <cstdint>
 #include <list>
 
 namespace qor {
@@ -95,9 +96,39 @@ public:
     };
 
 private:
-    std::list<FunctionExecutionHolder> m_UntimedFunctionExecutions;
-    std::list<FunctionExecutionHolder> m_TimedFunctionExecutions;
+    using HolderList = std::list<FunctionExecutionHolder>;
+
+    // Where a new timed record with `dueTime` goes: in front of the first
+    // record that is not earlier, or at the end. `startsTailRun` tells whether
+    // the new record becomes the first of the equal ticks that end the queue.
+    HolderList::iterator timedInsertPosition(std::uint32_t dueTime, bool& startsTailRun);
+    // Keeps the search aids right when the timed record at `position` is about to go.
+    void forgetTimed(HolderList::iterator position);
+    // Puts a holder {functionExecution, dueTime} into `list` before `position`,
+    // reusing a spare node when there is one.
+    HolderList::iterator placeHolder(HolderList& list, HolderList::iterator position,
+                                     const FunctionExecution& functionExecution, std::uint32_t dueTime);
+    // Removes the first holder of `list`, whose record has been moved out,
+    // keeping its node for reuse while there are few spares.
+    void retireFront(HolderList& list) noexcept;
+
+    HolderList m_UntimedFunctionExecutions;
+    HolderList m_TimedFunctionExecutions;
     bool m_PreferUntimed;
+
+    // Search aids for timed insertion; they never change the order. While
+    // every due tick of the timed queue lies within 2^31 ms of every other
+    // one, comparing ticks is a consistent order, the queue is sorted by it
+    // and a search may start from either end; m_TimedTailRun then points at
+    // the first record of the run of equal due ticks that ends the queue, so
+    // periodic work (due after everything queued) goes in without a search.
+    // Otherwise the queue is searched from the front until it runs empty.
+    bool m_TimedWithinHalfRange;
+    HolderList::iterator m_TimedTailRun;
+
+    // Nodes of handed-out records, empty, kept for the next records. Each
+    // holds no Function.
+    HolderList m_SpareHolders;
 };
 
 } // namespace synchronization

@@ -4,7 +4,9 @@
 #include "qor/common/system/Clock.h"
 #include "qor/common/types/Boolean.h"
 
+#include <cstddef>
 #include <cstdint>
+#include <iterator>
 
 namespace qor {
 namespace nav {
@@ -18,16 +20,24 @@ using qor::common::types::Boolean;
 
 namespace {
 
+constexpr std::uint32_t kHalfRange = 0x80000000u;
+
+// Emptied list nodes kept for reuse, so that a steady flow of work (and every
+// periodic record) is queued without allocating. Bounds the memory kept after a burst.
+constexpr std::size_t kMaxSpareHolders = 256;
+
 // Tick `a` is not earlier than tick `b` when their 32-bit difference is below
 // 2^31; this keeps the order right across the counter's wrap.
 bool notEarlier(std::uint32_t a, std::uint32_t b)
 {
-    return static_cast<std::uint32_t>(a - b) < 0x80000000u;
+    return static_cast<std::uint32_t>(a - b) < kHalfRange;
 }
 
 } // namespace
 
-BalancedStrategy::BalancedStrategy() : m_UntimedFunctionExecutions(), m_TimedFunctionExecutions(), m_PreferUntimed(false)
+BalancedStrategy::BalancedStrategy()
+    : m_UntimedFunctionExecutions(), m_TimedFunctionExecutions(), m_PreferUntimed(false),
+      m_TimedWithinHalfRange(true), m_TimedTailRun(m_TimedFunctionExecutions.end())
 {
 }
 
@@ -41,7 +51,7 @@ bool BalancedStrategy::empty() const
 
 void BalancedStrategy::addFunctionExecution(const FunctionExecution& functionExecution)
 {
-    m_UntimedFunctionExecutions.push_back(FunctionExecutionHolder{functionExecution, 0u});
+    placeHolder(m_UntimedFunctionExecutions, m_UntimedFunctionExecutions.end(), functionExecution, 0u);
 }
 
 void BalancedStrategy::addFunctionExecution(const FunctionExecution& functionExecution, const Duration& delay)
@@ -51,25 +61,143 @@ void BalancedStrategy::addFunctionExecution(const FunctionExecution& functionExe
     // the past (due at once), delays of 2^31 ms or more wrap.
     const std::uint32_t dueTime = now + static_cast<std::uint32_t>(delay.getValue());
 
-    // In front of the first record that is not earlier: among equal due ticks
-    // the newest record comes first.
-    auto position = m_TimedFunctionExecutions.begin();
-    while (position != m_TimedFunctionExecutions.end() && !notEarlier(position->dueTime, dueTime))
+    bool startsTailRun = false;
+    const HolderList::iterator position = timedInsertPosition(dueTime, startsTailRun);
+    const HolderList::iterator inserted =
+        placeHolder(m_TimedFunctionExecutions, position, functionExecution, dueTime);
+    if (startsTailRun)
     {
-        ++position;
+        m_TimedTailRun = inserted;
     }
-    m_TimedFunctionExecutions.insert(position, FunctionExecutionHolder{functionExecution, dueTime});
+}
+
+BalancedStrategy::HolderList::iterator BalancedStrategy::timedInsertPosition(std::uint32_t dueTime,
+                                                                             bool& startsTailRun)
+{
+    HolderList& timed = m_TimedFunctionExecutions;
+    startsTailRun = false;
+    if (timed.empty())
+    {
+        m_TimedWithinHalfRange = true;
+        startsTailRun = true;
+        return timed.end();
+    }
+    const std::uint32_t first = timed.front().dueTime;
+    const std::uint32_t last = timed.back().dueTime;
+    if (m_TimedWithinHalfRange)
+    {
+        // The queue's ticks span [first, last], less than 2^31 long. The new
+        // tick keeps the span below 2^31 when it lies inside it or extends it
+        // at one end to less than 2^31.
+        const std::uint32_t span = last - first;
+        const std::uint32_t offset = dueTime - first;
+        m_TimedWithinHalfRange = offset <= span || offset < kHalfRange ||
+                                 static_cast<std::uint32_t>(last - dueTime) < kHalfRange;
+        if (!m_TimedWithinHalfRange)
+        {
+            m_TimedTailRun = timed.end();
+        }
+    }
+    if (!m_TimedWithinHalfRange)
+    {
+        // In front of the first record that is not earlier: among equal due
+        // ticks the newest record comes first.
+        auto position = timed.begin();
+        while (position != timed.end() && !notEarlier(position->dueTime, dueTime))
+        {
+            ++position;
+        }
+        return position;
+    }
+    if (dueTime == last)
+    {
+        // In front of the equal ticks at the end, as the newest of them.
+        startsTailRun = true;
+        return m_TimedTailRun;
+    }
+    if (notEarlier(dueTime, last))
+    {
+        startsTailRun = true;
+        return timed.end();
+    }
+    // Strictly before the run at the end: search from the nearer end. Both
+    // searches find the first record that is not earlier than the new one.
+    const std::int32_t fromFirst = static_cast<std::int32_t>(dueTime - first);
+    const std::int32_t toLast = static_cast<std::int32_t>(last - dueTime);
+    if (fromFirst < toLast)
+    {
+        auto position = timed.begin();
+        while (!notEarlier(position->dueTime, dueTime))
+        {
+            ++position;
+        }
+        return position;
+    }
+    auto position = m_TimedTailRun;
+    while (position != timed.begin() && notEarlier(std::prev(position)->dueTime, dueTime))
+    {
+        --position;
+    }
+    return position;
+}
+
+BalancedStrategy::HolderList::iterator BalancedStrategy::placeHolder(HolderList& list, HolderList::iterator position,
+                                                                     const FunctionExecution& functionExecution,
+                                                                     std::uint32_t dueTime)
+{
+    if (m_SpareHolders.empty())
+    {
+        // A failing allocation leaves the list as it was.
+        return list.insert(position, FunctionExecutionHolder{functionExecution, dueTime});
+    }
+    // Reuse an emptied node: nothing below can throw.
+    const HolderList::iterator node = m_SpareHolders.begin();
+    node->functionExecution = functionExecution;
+    node->dueTime = dueTime;
+    list.splice(position, m_SpareHolders, node);
+    return node;
+}
+
+void BalancedStrategy::retireFront(HolderList& list) noexcept
+{
+    if (m_SpareHolders.size() >= kMaxSpareHolders)
+    {
+        list.pop_front();
+        return;
+    }
+    // The record has been moved out; drop what is left of it (its Function
+    // reference, if any) before the node waits for reuse.
+    list.front().functionExecution = FunctionExecution();
+    m_SpareHolders.splice(m_SpareHolders.begin(), list, list.begin());
+}
+
+void BalancedStrategy::forgetTimed(HolderList::iterator position)
+{
+    if (m_TimedWithinHalfRange && position == m_TimedTailRun)
+    {
+        // What follows in the run (if anything) has the same tick.
+        ++m_TimedTailRun;
+    }
 }
 
 void BalancedStrategy::removeFunctionExecution(const FunctionExecutionId& id)
 {
     // A copy: `id` may refer into a record that is about to be destroyed.
     const FunctionExecutionId wanted = id;
-    const auto matches = [&wanted](const FunctionExecutionHolder& holder) {
-        return holder.functionExecution.id == wanted;
-    };
-    m_UntimedFunctionExecutions.remove_if(matches);
-    m_TimedFunctionExecutions.remove_if(matches);
+    m_UntimedFunctionExecutions.remove_if(
+        [&wanted](const FunctionExecutionHolder& holder) { return holder.functionExecution.id == wanted; });
+    for (auto position = m_TimedFunctionExecutions.begin(); position != m_TimedFunctionExecutions.end();)
+    {
+        if (position->functionExecution.id == wanted)
+        {
+            forgetTimed(position);
+            position = m_TimedFunctionExecutions.erase(position);
+        }
+        else
+        {
+            ++position;
+        }
+    }
 }
 
 bool BalancedStrategy::hasPendingFunctionExecutions() const
@@ -81,7 +209,8 @@ bool BalancedStrategy::hasPendingFunctionExecutions() const
 FunctionExecution BalancedStrategy::getNextFunctionExecution()
 {
     FunctionExecution result;
-    const unsigned int now = Clock::getTickCounter();
+    // One reading serves both tests; without timed records nothing needs it.
+    const unsigned int now = m_TimedFunctionExecutions.empty() ? 0u : Clock::getTickCounter();
     if (!m_PreferUntimed)
     {
         if (hasPendingTimedFunctionExecution(now))
@@ -120,7 +249,6 @@ FunctionExecution BalancedStrategy::getNextFunctionExecution()
 
 unsigned int BalancedStrategy::getTimeToNextFunctionExecution() const
 {
-    const std::uint32_t now = Clock::getTickCounter();
     if (!m_UntimedFunctionExecutions.empty())
     {
         return 0;
@@ -129,6 +257,7 @@ unsigned int BalancedStrategy::getTimeToNextFunctionExecution() const
     {
         return 0;
     }
+    const std::uint32_t now = Clock::getTickCounter();
     const std::uint32_t dueTime = m_TimedFunctionExecutions.front().dueTime;
     if (static_cast<std::int32_t>(now - dueTime) < 0)
     {
@@ -154,7 +283,8 @@ FunctionExecution BalancedStrategy::getNextTimedFunctionExecution()
         throw IllegalStateException("Queue is empty", nullptr, Boolean(false));
     }
     FunctionExecution result = std::move(m_TimedFunctionExecutions.front().functionExecution);
-    m_TimedFunctionExecutions.pop_front();
+    forgetTimed(m_TimedFunctionExecutions.begin());
+    retireFront(m_TimedFunctionExecutions);
     return result;
 }
 
@@ -165,7 +295,7 @@ FunctionExecution BalancedStrategy::getNextUntimedFunctionExecution()
         throw IllegalStateException("Queue is empty", nullptr, Boolean(false));
     }
     FunctionExecution result = std::move(m_UntimedFunctionExecutions.front().functionExecution);
-    m_UntimedFunctionExecutions.pop_front();
+    retireFront(m_UntimedFunctionExecutions);
     return result;
 }
 

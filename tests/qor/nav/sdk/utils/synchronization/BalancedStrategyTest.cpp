@@ -5,7 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -172,6 +174,151 @@ TEST_F(BalancedStrategyTest, RemoveDropsEveryMatchingRecordAndReleasesFunctions)
         strategy.addFunctionExecution(kept, Duration(100000));
     }
     EXPECT_EQ(1, kept.function.use_count()); // destruction released both
+}
+
+// The timed queue's order must be the one a plain search from the front gives
+// (in front of the first record that is not earlier, so equal ticks come out
+// newest first), whatever mix of ticks, wrap-arounds, hand-outs and removals
+// led to it. The model below is that search, on a vector.
+class TimedOrderModel
+{
+public:
+    void add(unsigned long id, std::uint32_t due)
+    {
+        auto position = m_Records.begin();
+        while (position != m_Records.end() && static_cast<std::uint32_t>(position->second - due) >= 0x80000000u)
+        {
+            ++position;
+        }
+        m_Records.insert(position, {id, due});
+    }
+    void remove(unsigned long id)
+    {
+        m_Records.erase(std::remove_if(m_Records.begin(), m_Records.end(),
+                                       [id](const std::pair<unsigned long, std::uint32_t>& r) { return r.first == id; }),
+                        m_Records.end());
+    }
+    unsigned long popFront()
+    {
+        const unsigned long id = m_Records.front().first;
+        m_Records.erase(m_Records.begin());
+        return id;
+    }
+    bool empty() const { return m_Records.empty(); }
+    std::size_t size() const { return m_Records.size(); }
+    unsigned long idAt(std::size_t index) const { return m_Records[index].first; }
+
+private:
+    std::vector<std::pair<unsigned long, std::uint32_t>> m_Records;
+};
+
+TEST_F(BalancedStrategyTest, TimedOrderIsTheFrontSearchOrderForAnyMixOfTicks)
+{
+    struct Scenario
+    {
+        const char* name;
+        long minDelay;
+        long maxDelay;
+        int farEvery;   // every n-th delay is one of the far values below (0: never)
+        int jumpEvery;  // every n-th step the counter jumps by 2^30 (0: never)
+    };
+    const Scenario scenarios[] = {
+        {"random delays within a second", 0, 1000, 0, 0},
+        {"equal delays (periodic work)", 1000, 1000, 0, 0},
+        {"few distinct ticks", 0, 3, 0, 0},
+        {"far, negative and wrapping delays", -2000, 2000, 3, 0},
+        {"records left waiting for half the counter's range", 0, 1000, 0, 40},
+    };
+    const long farDelays[] = {2147483647L, 2147483648L, 3000000000L, 4294967295L, -2147483648L, -3000000000L};
+
+    for (const Scenario& scenario : scenarios)
+    {
+        SCOPED_TRACE(scenario.name);
+        m_Ticks.placeAt(kBeforeWrap);
+        BalancedStrategy strategy;
+        TimedOrderModel model;
+        std::mt19937 random(20240611);
+        std::uniform_int_distribution<long> delays(scenario.minDelay, scenario.maxDelay);
+        std::uniform_int_distribution<int> actions(0, 9);
+        unsigned long nextId = 1;
+
+        for (int step = 0; step < 3000; ++step)
+        {
+            if (scenario.jumpEvery != 0 && step % scenario.jumpEvery == 0)
+            {
+                m_Ticks.advance(0x40000000u);
+            }
+            const int action = actions(random);
+            if (action < 7 || model.empty())
+            {
+                long delay = delays(random);
+                if (scenario.farEvery != 0 && step % scenario.farEvery == 0)
+                {
+                    delay = farDelays[static_cast<std::size_t>(step / scenario.farEvery) % 6];
+                }
+                const unsigned long id = nextId++;
+                const std::uint32_t before = Clock::getTickCounter();
+                strategy.addFunctionExecution(record(id), Duration(delay));
+                if (Clock::getTickCounter() == before)
+                {
+                    model.add(id, before + static_cast<std::uint32_t>(delay));
+                }
+                else
+                {
+                    strategy.removeFunctionExecution(FunctionExecutionId(id)); // due tick unknown
+                }
+            }
+            else if (action < 9)
+            {
+                ASSERT_EQ(model.popFront(), strategy.getNextTimedFunctionExecution().id.getValue()) << "step " << step;
+            }
+            else
+            {
+                const unsigned long id = model.idAt(static_cast<std::size_t>(random()) % model.size());
+                model.remove(id);
+                strategy.removeFunctionExecution(FunctionExecutionId(id));
+            }
+        }
+        while (!model.empty())
+        {
+            ASSERT_EQ(model.popFront(), strategy.getNextTimedFunctionExecution().id.getValue());
+        }
+        EXPECT_TRUE(strategy.empty());
+    }
+}
+
+TEST_F(BalancedStrategyTest, HandedOutRecordsLeaveNoFunctionReferenceBehind)
+{
+    // Queues are refilled from the nodes of handed-out records; those must
+    // not keep the Functions they carried alive.
+    const auto function = std::make_shared<qor::test::CountingFunction>();
+    for (int round = 0; round < 3; ++round)
+    {
+        for (unsigned long id = 1; id <= 300; ++id)
+        {
+            m_Strategy.addFunctionExecution(FunctionExecution{FunctionExecutionId(id), function, 0u});
+            m_Strategy.addFunctionExecution(FunctionExecution{FunctionExecutionId(id + 1000), function, 0u},
+                                            Duration(-1));
+        }
+        EXPECT_EQ(601, function.use_count());
+        std::vector<unsigned long> untimed;
+        std::vector<unsigned long> timed;
+        for (int i = 0; i < 600; ++i)
+        {
+            const unsigned long id = m_Strategy.getNextFunctionExecution().id.getValue();
+            (id > 1000 ? timed : untimed).push_back(id);
+        }
+        EXPECT_TRUE(m_Strategy.empty());
+        ASSERT_EQ(300u, untimed.size());
+        ASSERT_EQ(300u, timed.size());
+        std::sort(timed.begin(), timed.end()); // equal ticks come out newest first
+        for (unsigned long id = 1; id <= 300; ++id)
+        {
+            EXPECT_EQ(id, untimed[id - 1]);
+            EXPECT_EQ(id + 1000, timed[id - 1]);
+        }
+        EXPECT_EQ(1, function.use_count());
+    }
 }
 
 } // namespace
