@@ -128,6 +128,10 @@ public:
     void run() override;
 
 private:
+    // The four schedule operations: takes the next id and, while a strategy
+    // exists, queues {id, function, period}, timed when `delay` is not null.
+    FunctionExecutionId enqueue(Function::shared_ptr&& function, std::uint32_t period, const Duration* delay);
+
     qor::common::logging::Logger m_logger;
     bool m_stopRequested;
     qor::common::system::Mutex m_mutex;

@@ -56,21 +56,21 @@ FunctionExecutionScheduler::FunctionExecutionId
 FunctionExecutionScheduler::scheduleExecutionImmediately(Function::shared_ptr function)
 {
     assert(nullptr != m_pImpl);
-    return m_pImpl->scheduleExecutionImmediately(function);
+    return m_pImpl->scheduleExecutionImmediately(std::move(function));
 }
 
 FunctionExecutionScheduler::FunctionExecutionId
 FunctionExecutionScheduler::scheduleExecutionImmediately(Function::shared_ptr function, const Duration& period)
 {
     assert(nullptr != m_pImpl);
-    return m_pImpl->scheduleExecutionImmediately(function, period);
+    return m_pImpl->scheduleExecutionImmediately(std::move(function), period);
 }
 
 FunctionExecutionScheduler::FunctionExecutionId
 FunctionExecutionScheduler::scheduleExecutionLater(Function::shared_ptr function, const Duration& delay)
 {
     assert(nullptr != m_pImpl);
-    return m_pImpl->scheduleExecutionLater(function, delay);
+    return m_pImpl->scheduleExecutionLater(std::move(function), delay);
 }
 
 FunctionExecutionScheduler::FunctionExecutionId
@@ -78,7 +78,7 @@ FunctionExecutionScheduler::scheduleExecutionLater(Function::shared_ptr function
                                                    const Duration& period)
 {
     assert(nullptr != m_pImpl);
-    return m_pImpl->scheduleExecutionLater(function, delay, period);
+    return m_pImpl->scheduleExecutionLater(std::move(function), delay, period);
 }
 
 void FunctionExecutionScheduler::asyncRemoveFunctionExecution(const FunctionExecutionId& id)

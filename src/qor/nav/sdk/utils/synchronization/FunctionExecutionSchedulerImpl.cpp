@@ -67,57 +67,56 @@ void FunctionExecutionSchedulerImpl::refreshWatchdog()
 
 FunctionExecutionId FunctionExecutionSchedulerImpl::scheduleExecutionImmediately(Function::shared_ptr function)
 {
-    MutexGuard guard(m_mutex);
-    const FunctionExecutionId id(m_nextFunctionExecutionId++);
-    if (m_strategy)
-    {
-        m_strategy->addFunctionExecution(FunctionExecution{id, std::move(function), 0u});
-        m_condVar.signal();
-    }
-    return id;
+    return enqueue(std::move(function), 0u, nullptr);
 }
 
 FunctionExecutionId FunctionExecutionSchedulerImpl::scheduleExecutionImmediately(Function::shared_ptr function,
                                                                                 const Duration& period)
 {
-    MutexGuard guard(m_mutex);
-    const FunctionExecutionId id(m_nextFunctionExecutionId++);
-    if (m_strategy)
-    {
-        // Only the low 32 bits of the period are kept.
-        m_strategy->addFunctionExecution(
-            FunctionExecution{id, std::move(function), static_cast<std::uint32_t>(period.getValue())});
-        m_condVar.signal();
-    }
-    return id;
+    // Only the low 32 bits of the period are kept.
+    return enqueue(std::move(function), static_cast<std::uint32_t>(period.getValue()), nullptr);
 }
 
 FunctionExecutionId FunctionExecutionSchedulerImpl::scheduleExecutionLater(Function::shared_ptr function,
                                                                           const Duration& delay)
 {
-    MutexGuard guard(m_mutex);
-    const FunctionExecutionId id(m_nextFunctionExecutionId++);
-    if (m_strategy)
-    {
-        m_strategy->addFunctionExecution(FunctionExecution{id, std::move(function), 0u}, delay);
-        m_condVar.signal();
-    }
-    return id;
+    return enqueue(std::move(function), 0u, &delay);
 }
 
 FunctionExecutionId FunctionExecutionSchedulerImpl::scheduleExecutionLater(Function::shared_ptr function,
                                                                           const Duration& delay,
                                                                           const Duration& period)
 {
-    MutexGuard guard(m_mutex);
-    const FunctionExecutionId id(m_nextFunctionExecutionId++);
-    if (m_strategy)
+    // Only the low 32 bits of the period are kept.
+    return enqueue(std::move(function), static_cast<std::uint32_t>(period.getValue()), &delay);
+}
+
+FunctionExecutionId FunctionExecutionSchedulerImpl::enqueue(Function::shared_ptr&& function, std::uint32_t period,
+                                                           const Duration* delay)
+{
+    FunctionExecutionId id(0);
     {
-        // Only the low 32 bits of the period are kept.
-        m_strategy->addFunctionExecution(
-            FunctionExecution{id, std::move(function), static_cast<std::uint32_t>(period.getValue())}, delay);
-        m_condVar.signal();
+        MutexGuard guard(m_mutex);
+        id = FunctionExecutionId(m_nextFunctionExecutionId++);
+        if (!m_strategy)
+        {
+            // Stopped: the id is consumed, the function dropped.
+            return id;
+        }
+        const FunctionExecution record{id, std::move(function), period};
+        if (delay != nullptr)
+        {
+            m_strategy->addFunctionExecution(record, *delay);
+        }
+        else
+        {
+            m_strategy->addFunctionExecution(record);
+        }
     }
+    // Signalled after unlocking, so that the woken worker does not at once
+    // block on the mutex this thread still holds. The worker checks its
+    // strategy under the mutex, so no record can be missed.
+    m_condVar.signal();
     return id;
 }
 
