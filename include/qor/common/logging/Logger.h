@@ -70,13 +70,20 @@ class Logger;
 class ScopedLogger
 {
 public:
-    ScopedLogger(const Logger& logger, LogLevel::logLevel level);
+    // Inline so that a disabled record costs one threshold check and nothing else.
+    inline ScopedLogger(const Logger& logger, LogLevel::logLevel level);
     ScopedLogger(ScopedLogger&& other) noexcept;
     ScopedLogger(const ScopedLogger&) = delete;
     ScopedLogger& operator=(const ScopedLogger&) = delete;
     ScopedLogger& operator=(ScopedLogger&&) = delete;
     // Hands the record to the sink if it is enabled. Never throws.
-    ~ScopedLogger();
+    ~ScopedLogger()
+    {
+        if (m_Enabled && m_Stream)
+        {
+            deliver();
+        }
+    }
 
     // Non-zero when the record's level passes its logger's threshold.
     bool isEnabled() const { return m_Enabled; }
@@ -105,6 +112,9 @@ public:
     }
 
 private:
+    void openStream();
+    void deliver() noexcept;
+
     const Logger* m_Logger;
     LogLevel::logLevel m_Level;
     bool m_Enabled;
@@ -128,8 +138,17 @@ public:
         return ScopedLogger(*this, level);
     }
 
-    // True when records at `level` are written.
-    bool isEnabled(LogLevel::logLevel level) const;
+    // True when records at `level` are written. Lock-free while the
+    // thresholds stay as they are: one comparison with the cached value.
+    bool isEnabled(LogLevel::logLevel level) const
+    {
+        const std::uint64_t cached = m_CachedThreshold.load(std::memory_order_relaxed);
+        if ((cached >> 32) == s_ThresholdGeneration.load(std::memory_order_acquire))
+        {
+            return level >= static_cast<LogLevel::logLevel>(cached & 0xFFFFFFFFu);
+        }
+        return level >= refreshThreshold();
+    }
 
     const std::string& getName() const { return m_Name; }
 
@@ -141,13 +160,29 @@ public:
     static void resetThresholds();
 
 private:
-    LogLevel::logLevel threshold() const;
+    // Looks the threshold up again and caches it with the current generation.
+    LogLevel::logLevel refreshThreshold() const;
+
+    // Generation of the threshold table: bumped by every threshold change, so
+    // that each logger looks its threshold up again. Defined once, in the
+    // library; constant-initialised, so usable during static construction
+    // and destruction.
+    static std::atomic<std::uint32_t> s_ThresholdGeneration;
 
     std::string m_Name;
     // Generation of the threshold table (high 32 bits) and the threshold
     // (low 32 bits) it gave for this logger; refreshed when the table changes.
     mutable std::atomic<std::uint64_t> m_CachedThreshold;
 };
+
+inline ScopedLogger::ScopedLogger(const Logger& logger, LogLevel::logLevel level)
+    : m_Logger(&logger), m_Level(level), m_Enabled(logger.isEnabled(level))
+{
+    if (m_Enabled)
+    {
+        openStream();
+    }
+}
 
 } // namespace logging
 } // namespace common

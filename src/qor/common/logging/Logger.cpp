@@ -101,7 +101,6 @@ struct LoggingState
     std::mutex thresholdMutex;
     LogLevel::logLevel defaultThreshold = LogLevel::Info;
     std::map<std::string, LogLevel::logLevel> prefixThresholds;
-    std::atomic<std::uint32_t> generation{1};
 
     std::shared_ptr<ILogSink> currentSink()
     {
@@ -162,14 +161,10 @@ void setLogSink(std::shared_ptr<ILogSink> sink)
     s.sink = sink ? std::move(sink) : s.defaultSink;
 }
 
-ScopedLogger::ScopedLogger(const Logger& logger, LogLevel::logLevel level)
-    : m_Logger(&logger), m_Level(level), m_Enabled(logger.isEnabled(level))
+void ScopedLogger::openStream()
 {
-    if (m_Enabled)
-    {
-        m_Stream.reset(new std::ostringstream());
-        *m_Stream << std::boolalpha;
-    }
+    m_Stream.reset(new std::ostringstream());
+    *m_Stream << std::boolalpha;
 }
 
 ScopedLogger::ScopedLogger(ScopedLogger&& other) noexcept
@@ -179,12 +174,8 @@ ScopedLogger::ScopedLogger(ScopedLogger&& other) noexcept
     other.m_Enabled = false;
 }
 
-ScopedLogger::~ScopedLogger()
+void ScopedLogger::deliver() noexcept
 {
-    if (!m_Enabled || !m_Stream)
-    {
-        return;
-    }
     try
     {
         LogRecord record{m_Logger->getName(), m_Level, m_Stream->str(),
@@ -198,28 +189,20 @@ ScopedLogger::~ScopedLogger()
     }
 }
 
+// Generation 0 is never current, so a new logger looks its threshold up on first use.
+std::atomic<std::uint32_t> Logger::s_ThresholdGeneration{1};
+
 Logger::Logger(const std::string& name) : m_Name(name), m_CachedThreshold(0)
 {
 }
 
 Logger::~Logger() = default;
 
-bool Logger::isEnabled(LogLevel::logLevel level) const
-{
-    return level >= threshold();
-}
-
-LogLevel::logLevel Logger::threshold() const
+LogLevel::logLevel Logger::refreshThreshold() const
 {
     LoggingState& s = state();
-    const std::uint64_t generation = s.generation.load(std::memory_order_acquire);
-    const std::uint64_t cached = m_CachedThreshold.load(std::memory_order_relaxed);
-    if ((cached >> 32) == generation)
-    {
-        return static_cast<LogLevel::logLevel>(cached & 0xFFFFFFFFu);
-    }
     std::lock_guard<std::mutex> lock(s.thresholdMutex);
-    const std::uint64_t current = s.generation.load(std::memory_order_relaxed);
+    const std::uint64_t current = s_ThresholdGeneration.load(std::memory_order_relaxed);
     const LogLevel::logLevel level = s.thresholdFor(m_Name);
     m_CachedThreshold.store((current << 32) | static_cast<std::uint32_t>(level), std::memory_order_relaxed);
     return level;
@@ -230,7 +213,7 @@ void Logger::setDefaultThreshold(LogLevel::logLevel level)
     LoggingState& s = state();
     std::lock_guard<std::mutex> lock(s.thresholdMutex);
     s.defaultThreshold = level;
-    s.generation.fetch_add(1, std::memory_order_acq_rel);
+    s_ThresholdGeneration.fetch_add(1, std::memory_order_acq_rel);
 }
 
 void Logger::setThreshold(const std::string& namePrefix, LogLevel::logLevel level)
@@ -238,7 +221,7 @@ void Logger::setThreshold(const std::string& namePrefix, LogLevel::logLevel leve
     LoggingState& s = state();
     std::lock_guard<std::mutex> lock(s.thresholdMutex);
     s.prefixThresholds[namePrefix] = level;
-    s.generation.fetch_add(1, std::memory_order_acq_rel);
+    s_ThresholdGeneration.fetch_add(1, std::memory_order_acq_rel);
 }
 
 void Logger::resetThresholds()
@@ -247,7 +230,7 @@ void Logger::resetThresholds()
     std::lock_guard<std::mutex> lock(s.thresholdMutex);
     s.prefixThresholds.clear();
     s.defaultThreshold = LogLevel::Info;
-    s.generation.fetch_add(1, std::memory_order_acq_rel);
+    s_ThresholdGeneration.fetch_add(1, std::memory_order_acq_rel);
 }
 
 } // namespace logging

@@ -10,7 +10,14 @@ namespace system {
 
 Mutex::Mutex()
 {
-    const int rc = ::pthread_mutex_init(&m_Mutex, nullptr);
+    // Adaptive: a thread that finds the mutex taken spins briefly before it
+    // sleeps. Critical sections are short (a queue operation), so the holder
+    // is usually gone before a sleep and its wake-up system call would pay off.
+    pthread_mutexattr_t attr;
+    ::pthread_mutexattr_init(&attr);
+    ::pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_ADAPTIVE_NP);
+    const int rc = ::pthread_mutex_init(&m_Mutex, &attr);
+    ::pthread_mutexattr_destroy(&attr);
     if (rc != 0)
     {
         throw std::system_error(rc, std::generic_category(), "pthread_mutex_init");
