@@ -611,6 +611,123 @@ TEST(TimelineThreadsTest, BrokenOutputsUnderConcurrentRecordingFailQuietly)
     expectSectionsPairUp(events);
 }
 
+// Thread-name events for one thread id in a document.
+std::size_t namesOf(const std::string& document, std::uint64_t tid)
+{
+    const auto names = threadNames(eventsOf(document));
+    const auto found = names.find(tid);
+    return found == names.end() ? 0u : found->second.size();
+}
+
+TEST(TimelineTest, ThreadIsNamedOnceInEveryFileOfEveryTimelineItWritesTo)
+{
+    // A thread that alternates between two timelines, starts a new file on
+    // one of them, and writes to a timeline created where a destroyed one
+    // lived: each file names it exactly once.
+    MemoryStream firstOfA, onlyOfB, secondOfA, laterOne, laterTwo;
+    std::uint64_t tid = 0;
+    FunctionThread::runAndJoin("Alternator", [&] {
+        tid = currentThreadId();
+        Timeline a;
+        Timeline b;
+        a.startSession(firstOfA.release());
+        b.startSession(onlyOfB.release());
+        for (int i = 0; i < 3; ++i)
+        {
+            oneSection(a);
+            oneSection(b);
+        }
+        a.finishSession();
+        a.startSession(secondOfA.release());
+        oneSection(a);
+        oneSection(b);
+        oneSection(a);
+        a.finishSession();
+        b.finishSession();
+        for (MemoryStream* out : {&laterOne, &laterTwo})
+        {
+            Timeline scoped; // most likely at the same address both times
+            scoped.startSession(out->release());
+            oneSection(scoped);
+            oneSection(scoped);
+        }
+    });
+    EXPECT_EQ(1u, namesOf(firstOfA.text(), tid));
+    EXPECT_EQ(1u, namesOf(onlyOfB.text(), tid));
+    EXPECT_EQ(1u, namesOf(secondOfA.text(), tid));
+    EXPECT_EQ(1u, namesOf(laterOne.text(), tid));
+    EXPECT_EQ(1u, namesOf(laterTwo.text(), tid));
+}
+
+TEST(TimelineTest, FileStreamsHoldTheSameBytesAsMemoryStreams)
+{
+    // Files get a larger buffer than other streams; several hundred KiB of
+    // events must arrive unchanged, also behind text that the caller wrote
+    // before handing the stream over, and across the parts of a multipart
+    // session, which reuse that buffer.
+    ManualTickSource clock;
+    TemporaryDirectory dir;
+    auto record = [&clock](Timeline& timeline) {
+        clock.setMicros(1000);
+        for (int i = 0; i < 4000; ++i)
+        {
+            clock.advanceMicros(3);
+            timeline.beginSection("section", i % 2 == 0 ? "even" : nullptr, ",\"args\":{\"i\":7}");
+            timeline.endSection();
+        }
+    };
+    const std::string path = dir.path() + "/single.json";
+    const std::string used = dir.path() + "/used.json";
+    MemoryStream reference;
+    {
+        Timeline timeline;
+        timeline.startSession(reference.release());
+        record(timeline);
+        timeline.startSession(std::fopen(path.c_str(), "w")); // closed at once: a session is active
+        timeline.finishSession();
+
+        timeline.startSession(std::fopen(path.c_str(), "w"));
+        record(timeline);
+        timeline.finishSession();
+
+        FILE* stream = std::fopen(used.c_str(), "w");
+        ASSERT_NE(nullptr, stream);
+        std::fputs("prefix\n", stream);
+        timeline.startSession(stream);
+        record(timeline);
+        timeline.finishSession();
+    }
+    const std::string expected = reference.text();
+    ASSERT_LT(300000u, expected.size());
+    EXPECT_TRUE(expected == readFile(path)) << "single-stream file differs";
+    EXPECT_TRUE("prefix\n" + expected == readFile(used)) << "file used before the session differs";
+
+    Timeline parts;
+    parts.startMultipartSession((dir.path() + "/part.json").c_str(), 100000);
+    record(parts);
+    parts.finishSession();
+    std::vector<std::string> names;
+    for (const std::string& name : dir.entries())
+    {
+        if (name.rfind("part.json.", 0) == 0)
+        {
+            names.push_back(name);
+        }
+    }
+    ASSERT_LE(2u, names.size());
+    std::size_t begins = 0;
+    for (std::size_t i = 0; i < names.size(); ++i)
+    {
+        const std::string document = readFile(dir.path() + "/" + names[i]);
+        if (i + 1 < names.size())
+        {
+            EXPECT_LT(100000u, document.size()) << names[i];
+        }
+        begins += countPhase(eventsOf(document), "B");
+    }
+    EXPECT_EQ(4000u, begins);
+}
+
 TEST(TimelineDeathTest, NullBaseNameIsAProgrammingError)
 {
     Timeline timeline;
