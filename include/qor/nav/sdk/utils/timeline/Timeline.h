@@ -146,12 +146,16 @@ private:
     std::vector<std::uint64_t> m_NamedThreads; // ascending
     std::uint64_t m_StartTime;                 // microseconds
     bool m_NeedComma;
-    std::atomic<std::uint8_t> m_Lock;          // 0 free, 1 taken
+    // 0 free, 1 taken. On a cache line of its own: threads that wait for the
+    // lock keep writing to it, and would otherwise take the line holding the
+    // fields that the lock's holder is writing away from the holder again and
+    // again.
+    alignas(64) std::atomic<std::uint8_t> m_Lock;
 
     // A process-wide unique number of the current file, changed whenever
     // m_NamedThreads is emptied for a new file; read without the lock by a
     // thread that wants to know whether it has been named in this file.
-    std::atomic<std::uint64_t> m_FileNumber;
+    alignas(64) std::atomic<std::uint64_t> m_FileNumber;
     // The output buffer of files that the timeline tunes (regular files
     // whose stream has not been used yet); allocated with the first such
     // file and reused for the following ones.

@@ -282,7 +282,8 @@ void Timeline::appendCSV(const char* format, ...)
     }
     if (m_NeedComma)
     {
-        std::fputc(',', m_File);
+        // The stream is locked by the caller (see tuneStream()).
+        ::fputc_unlocked(',', m_File);
     }
     m_NeedComma = true;
     va_list args;
