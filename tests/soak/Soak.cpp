@@ -28,6 +28,7 @@
 // broken check, 2 for bad arguments, 3 when the wind-down hangs.
 #include "qor/common/logging/Logger.h"
 #include "qor/common/types/utf8/Utf8String.h"
+#include "qor/nav/sdk/utils/common/CharacterReplacements.h"
 #include "qor/nav/sdk/utils/memory/IMemoryListener.h"
 #include "qor/nav/sdk/utils/memory/MemoryManager.h"
 #include "qor/nav/sdk/utils/memory/allocator/policy/AllocationStatistics.h"
@@ -37,9 +38,6 @@
 #include "qor/nav/sdk/utils/synchronization/FunctionExecutionScheduler.h"
 #include "qor/nav/sdk/utils/timeline/Timeline.h"
 #include "qor/nav/sdk/utils/validation/UTF8Validator.h"
-// Last: the memory headers name qor::common relative to their own namespace,
-// which this header's qor::nav::sdk::utils::common would hide.
-#include "qor/nav/sdk/utils/common/CharacterReplacements.h"
 #include "support/FunctionThread.h"
 #include "support/TemporaryDirectory.h"
 
