@@ -9,12 +9,6 @@
 #if defined(__SSE__) && defined(__x86_64__)
 #include <xmmintrin.h>
 #endif
-#if __has_include(<sys/single_threaded.h>)
-#include <sys/single_threaded.h>
-#define QOR_HAVE_SINGLE_THREADED 1
-#else
-#define QOR_HAVE_SINGLE_THREADED 0
-#endif
 
 namespace qor {
 namespace nav {
@@ -34,67 +28,18 @@ constexpr unsigned s_ChunkShift = 12; // chunks of 4,096 bytes
 constexpr unsigned long s_InstanceLimitInBytes = 536870912UL; // 512 MiB
 constexpr std::uint64_t s_Never = std::numeric_limits<std::uint64_t>::max();
 
-// Holds the chunk mutex. The sections it guards last a few nanoseconds, so a
-// thread that finds the mutex taken retries for a short while before it goes
-// to sleep in the kernel: sleeping and waking would cost far more than the
-// wait. After the retries it blocks like any mutex, so a holder that was
-// preempted costs the waiter no more than a bounded spin.
+// Holds the chunk mutex: MutexGuard without its bookkeeping for an early
+// unlock, which the chunk operations never need, so that each of them costs
+// one call into the mutex to lock and one to unlock.
 class ChunkLock
 {
 public:
-    explicit ChunkLock(Mutex& mutex) : m_Mutex(mutex)
-    {
-        // A process with one thread cannot contend, and there the C
-        // library's plain lock is cheaper than a try.
-        if (processIsSingleThreaded())
-        {
-            m_Mutex.lock(Mutex::Wait);
-            return;
-        }
-        // Each failed try waits twice as long as the one before (up to a
-        // cap), so that the waiter leaves the mutex's cache line to the
-        // holder, who needs it to unlock.
-        int pauses = 1;
-        for (int attempt = 0; !m_Mutex.lock(Mutex::NoWait); ++attempt)
-        {
-            if (attempt == s_Attempts)
-            {
-                m_Mutex.lock(Mutex::Wait);
-                return;
-            }
-            for (int i = 0; i < pauses; ++i)
-            {
-                relax();
-            }
-            pauses = pauses < s_MaxPauses ? 2 * pauses : pauses;
-        }
-    }
+    explicit ChunkLock(Mutex& mutex) : m_Mutex(mutex) { m_Mutex.lock(Mutex::Wait); }
     ~ChunkLock() { m_Mutex.unlock(); }
     ChunkLock(const ChunkLock&) = delete;
     ChunkLock& operator=(const ChunkLock&) = delete;
 
 private:
-    static constexpr int s_Attempts = 32;
-    static constexpr int s_MaxPauses = 16;
-
-    static bool processIsSingleThreaded()
-    {
-#if QOR_HAVE_SINGLE_THREADED
-        return __libc_single_threaded != 0;
-#else
-        return false;
-#endif
-    }
-
-    static void relax()
-    {
-#if defined(__x86_64__) || defined(__i386__)
-        __builtin_ia32_pause();
-#elif defined(__aarch64__)
-        asm volatile("yield" ::: "memory");
-#endif
-    }
-
     Mutex& m_Mutex;
 };
 
