@@ -15,8 +15,15 @@
 //   "WatchDog <name> not refreshed for <n> ms (limit <timeLimitMs> ms)"
 //
 // A watchdog starts paused. All watchdogs of the process are checked by one
-// shared supervisor thread, which exists while at least one watchdog does and
-// sleeps until the earliest deadline; it never runs user code but the log sink.
+// shared supervisor thread, which exists while at least one watchdog does,
+// looks at each running watchdog every quarter of its time limit (at least
+// every millisecond) and sleeps while none runs; it never runs user code but
+// the log sink. A silence is therefore reported after at least timeLimitMs
+// and at most about a quarter of it later.
+//
+// pause(), RefreshWatchDog() and restart() are a few plain atomic stores: no
+// clock reading, no allocation, and no lock except when restart() must wake
+// a sleeping supervisor.
 //
 // Threads: RefreshWatchDog() is lock-free and may be called from any thread.
 // pause() and restart() may be called from any thread. The destructor must not
@@ -44,7 +51,7 @@ public:
     void pause();
     // Resumes supervision with a fresh deadline (now + timeLimitMs).
     void restart();
-    // Reports progress: moves the deadline to now + timeLimitMs. Lock-free.
+    // Reports progress: the time limit counts again from now. Lock-free.
     void RefreshWatchDog();
 
     const std::string& getName() const;

@@ -19,13 +19,10 @@ namespace watchdog {
 
 namespace {
 
-// The coarse monotonic clock: a few ns to read instead of tens, at the
-// resolution of the kernel's tick (1-4 ms). Refreshing and restarting read it
-// around every scheduled run; time limits are far longer than its steps.
 std::uint64_t nowMillis() noexcept
 {
     timespec ts{};
-    ::clock_gettime(CLOCK_MONOTONIC_COARSE, &ts);
+    ::clock_gettime(CLOCK_MONOTONIC, &ts);
     return static_cast<std::uint64_t>(ts.tv_sec) * 1000u + static_cast<std::uint64_t>(ts.tv_nsec) / 1000000u;
 }
 
@@ -41,18 +38,26 @@ logging::Logger& watchDogLogger()
 
 struct WatchDog::State
 {
-    State(const std::string& n, unsigned int limit, unsigned int repeat) : name(n), timeLimitMs(limit), repeatMs(repeat)
+    State(const std::string& n, unsigned int limit, unsigned int repeat)
+        : name(n), timeLimitMs(limit), repeatMs(repeat), pollMs(limit / 4 != 0 ? limit / 4 : 1)
     {
     }
 
     const std::string name;
     const unsigned int timeLimitMs;
     const unsigned int repeatMs;
-    std::atomic<std::uint64_t> lastRefresh{0};
+    // How often the supervisor looks at this dog while it runs: a report
+    // comes at most this much after the time limit has passed.
+    const unsigned int pollMs;
+    // Set by every refresh and restart, cleared by the supervisor when it
+    // looks: the per-run path is two plain stores, with no clock and no lock.
+    std::atomic<bool> refreshed{false};
     std::atomic<bool> running{false};
     std::atomic<std::uint64_t> reportCount{0};
     // Supervisor's bookkeeping, guarded by the supervisor's mutex.
-    std::uint64_t reportedRefresh = kNever; // lastRefresh value of the silence already reported
+    bool watched = false;                // running when the supervisor last looked
+    std::uint64_t seenAt = 0;            // when the supervisor last saw a refresh
+    std::uint64_t reportedSeenAt = kNever; // seenAt of the silence already reported
     std::uint64_t lastReportAt = 0;
 };
 
@@ -101,13 +106,13 @@ public:
         }
     }
 
-    // Wakes the supervisor if `deadline` is earlier than its planned wake-up,
-    // or if it is awake (planned wake-up 0) and may have planned without it.
+    // Wakes the supervisor unless it already looks at least every `pollMs`
+    // (planned poll 0: it is awake and may have planned without this dog).
     // The caller has stored its new state (seq_cst) before calling.
-    void deadlineMoved(std::uint64_t deadline)
+    void dogStarted(unsigned int pollMs)
     {
-        const std::uint64_t planned = m_PlannedWake.load();
-        if (planned == 0 || deadline < planned)
+        const std::uint64_t planned = m_PlannedPoll.load();
+        if (planned == 0 || pollMs < planned)
         {
             std::lock_guard<std::mutex> lock(m_Mutex);
             m_Wakeup.notify_all();
@@ -130,9 +135,15 @@ private:
         {
             const std::uint64_t now = nowMillis();
             std::uint64_t next = kNever;
+            std::uint64_t poll = kNever;
             for (const std::shared_ptr<WatchDog::State>& dog : m_Dogs)
             {
-                next = std::min(next, check(dog, now, reports));
+                const std::uint64_t look = check(dog, now, reports);
+                if (look != kNever)
+                {
+                    next = std::min(next, look);
+                    poll = std::min<std::uint64_t>(poll, dog->pollMs);
+                }
             }
             if (!reports.empty())
             {
@@ -148,7 +159,7 @@ private:
                 lock.lock();
                 continue; // time has passed: plan again
             }
-            m_PlannedWake.store(next);
+            m_PlannedPoll.store(poll);
             if (next == kNever)
             {
                 m_Wakeup.wait(lock);
@@ -157,37 +168,44 @@ private:
             {
                 m_Wakeup.wait_for(lock, std::chrono::milliseconds(next - now));
             }
-            m_PlannedWake.store(0);
+            m_PlannedPoll.store(0);
         }
     }
 
-    // Returns when `dog` next needs a look; queues a report when it is overdue.
+    // Returns when `dog` next needs a look (kNever while it is paused);
+    // queues a report when it is overdue. A refresh counts from the look that
+    // saw it, so a silence is never reported before the limit has passed.
     static std::uint64_t check(const std::shared_ptr<WatchDog::State>& shared, std::uint64_t now,
                                std::vector<Report>& reports)
     {
         WatchDog::State& dog = *shared;
         if (dog.timeLimitMs == 0 || !dog.running.load())
         {
+            dog.watched = false;
             return kNever;
         }
-        const std::uint64_t last = dog.lastRefresh.load(std::memory_order_acquire);
-        const std::uint64_t deadline = last + dog.timeLimitMs;
-        if (now < deadline)
+        if (dog.refreshed.exchange(false) || !dog.watched)
         {
-            return deadline;
+            dog.seenAt = now;
+            dog.watched = true;
         }
-        const bool newSilence = (dog.reportedRefresh != last);
+        const std::uint64_t silent = now - dog.seenAt;
+        if (silent < dog.timeLimitMs)
+        {
+            return std::min<std::uint64_t>(dog.seenAt + dog.timeLimitMs, now + dog.pollMs);
+        }
+        const bool newSilence = (dog.reportedSeenAt != dog.seenAt);
         if (newSilence || (dog.repeatMs != 0 && now >= dog.lastReportAt + dog.repeatMs))
         {
-            dog.reportedRefresh = last;
+            dog.reportedSeenAt = dog.seenAt;
             dog.lastReportAt = now;
             dog.reportCount.fetch_add(1, std::memory_order_acq_rel);
-            reports.push_back(Report{shared, now - last});
+            reports.push_back(Report{shared, silent});
         }
-        // Without repeats, look again after one more time limit: a refresh
-        // followed by a new silence must be noticed although refreshing
-        // never wakes the supervisor.
-        return dog.repeatMs != 0 ? dog.lastReportAt + dog.repeatMs : now + dog.timeLimitMs;
+        // Keep looking: a refresh ends the silence, and a new one must be
+        // reported again.
+        const std::uint64_t look = now + dog.pollMs;
+        return dog.repeatMs != 0 ? std::min<std::uint64_t>(look, dog.lastReportAt + dog.repeatMs) : look;
     }
 
     std::mutex m_Mutex;
@@ -195,7 +213,9 @@ private:
     std::vector<std::shared_ptr<WatchDog::State>> m_Dogs;
     std::thread m_Thread;
     std::uint64_t m_Epoch = 0;
-    std::atomic<std::uint64_t> m_PlannedWake{0};
+    // Shortest poll interval of the dogs that ran at the last look; kNever
+    // while none did (the supervisor then sleeps until woken), 0 while awake.
+    std::atomic<std::uint64_t> m_PlannedPoll{0};
 };
 
 } // namespace
@@ -203,7 +223,6 @@ private:
 WatchDog::WatchDog(const std::string& name, unsigned int timeLimitMs, unsigned int repeatMs)
     : m_State(std::make_shared<State>(name, timeLimitMs, repeatMs))
 {
-    m_State->lastRefresh.store(nowMillis(), std::memory_order_release);
     Supervisor::instance().add(m_State);
 }
 
@@ -219,18 +238,17 @@ void WatchDog::pause()
 
 void WatchDog::restart()
 {
-    const std::uint64_t now = nowMillis();
-    m_State->lastRefresh.store(now, std::memory_order_release);
+    m_State->refreshed.store(true, std::memory_order_release);
     m_State->running.store(true);
     if (m_State->timeLimitMs != 0)
     {
-        Supervisor::instance().deadlineMoved(now + m_State->timeLimitMs);
+        Supervisor::instance().dogStarted(m_State->pollMs);
     }
 }
 
 void WatchDog::RefreshWatchDog()
 {
-    m_State->lastRefresh.store(nowMillis(), std::memory_order_release);
+    m_State->refreshed.store(true, std::memory_order_release);
 }
 
 const std::string& WatchDog::getName() const

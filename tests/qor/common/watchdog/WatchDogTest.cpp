@@ -193,7 +193,8 @@ TEST_F(WatchDogTest, RefreshEndsASilenceAndANewSilenceIsReportedAgain)
     dog.pause();
     dog.restart();
     ASSERT_TRUE(qor::test::waitUntil([&] { return dog.getReportCount() == 3; }));
-    EXPECT_EQ(3u, reportedSilences(*sink, "AgainWatchdog", 40).size());
+    // A report is counted just before its record is written.
+    EXPECT_TRUE(qor::test::waitUntil([&] { return reportedSilences(*sink, "AgainWatchdog", 40).size() == 3u; }));
 }
 
 TEST_F(WatchDogTest, ConcurrentRefreshesKeepADogSilent)
@@ -261,6 +262,30 @@ TEST_F(WatchDogTest, WatchdogsComeAndGoFromManyThreads)
         thread.join();
     }
     EXPECT_TRUE(qor::test::waitUntil([&] { return longLived.getReportCount() >= 1; }));
+}
+
+TEST_F(WatchDogTest, ShortLimitIsWatchedBesideLongOnesAndAfterIdleSpells)
+{
+    // The supervisor looks at running dogs at their own pace. A dog with a
+    // short limit that starts while only a slow-paced dog runs, or while
+    // every dog is paused, must still be looked at at its own pace.
+    WatchDog slow("SlowPacedWatchdog", 400000, 0); // looked at every 100 s
+    WatchDog quick("QuickWatchdog", 30, 0);
+    slow.restart();
+    ASSERT_TRUE(qor::test::waitUntil(&supervisorThreadExists));
+
+    for (std::uint64_t round = 1; round <= 3; ++round)
+    {
+        quick.restart();
+        ASSERT_TRUE(qor::test::waitUntil([&] { return quick.getReportCount() == round; }, std::chrono::seconds(20)))
+            << "round " << round;
+        quick.pause();
+        if (round == 2)
+        {
+            slow.pause(); // the last round starts with every dog paused
+        }
+    }
+    EXPECT_EQ(0u, slow.getReportCount());
 }
 
 } // namespace
