@@ -117,7 +117,10 @@ public:
     // occurrences kept so far stay and the next entry is searched; nothing is
     // logged. Other exceptions (allocation failures, std::length_error
     // "vector::reserve" for inputs beyond the record vector's maximum)
-    // propagate.
+    // propagate. For well-formed text and tables the time grows linearly
+    // with the text (positions are counted while searching, and conflicts
+    // are looked up per position instead of scanned); otherwise the work goes
+    // through Utf8String's find() and replace() one occurrence at a time.
     CharacterReplacementResult replaceCharacters(const Utf8String& text) const;
 
 private:

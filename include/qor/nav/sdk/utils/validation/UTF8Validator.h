@@ -37,11 +37,10 @@ public:
 
     UTF8Validator() = delete;
 
-    // True if the bytes of `text` are strict UTF-8; an empty text is. Reads
-    // at most a few dozen bytes past the first one that cannot be valid.
-    // Checks 64 bytes per step with SSE4.1, AVX2 or NEON where the processor
-    // has them (chosen at run time), a word at a time otherwise. Never
-    // throws.
+    // True if the bytes of `text` are strict UTF-8; an empty text is. Stops
+    // reading within 64 bytes of the first byte that cannot be valid. Checks
+    // 64 bytes per step with SSE4.1, AVX2 or NEON where the processor has
+    // them (chosen at run time), a word at a time otherwise. Never throws.
     static bool validateStrictUtf8(const Utf8String& text) noexcept;
 
     // A strict UTF-8 copy of `text` (`text` is not changed):
@@ -54,7 +53,8 @@ public:
     //     end is dropped;
     //   - the control characters U+0000..U+001F (NUL, TAB, LF, CR, ...) are
     //     dropped.
-    // Strict text without control characters comes back unchanged. The result
+    // Strict text without control characters comes back unchanged; it is
+    // recognised by one pass of the check above and copied whole. The result
     // is never longer than `text`, and room for it is reserved first; when
     // reserving throws a std::exception the failure is logged and the repair
     // goes on without it. Allocation failures while appending propagate.

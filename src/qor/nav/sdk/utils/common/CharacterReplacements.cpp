@@ -5,6 +5,7 @@
 #include "qor/nav/sdk/utils/validation/Utf8Check.h"
 
 #include <algorithm>
+#include <cstring>
 #include <string>
 
 namespace qor {
@@ -248,10 +249,15 @@ void searchAsBytes(const Utf8String& text, const Snapshot& table, std::vector<Re
     for (const Snapshot::Entry& entry : table.entries)
     {
         const char* const from = table.bytes.data() + entry.from;
+        std::size_t at = findBytes(data, size, 0, from, entry.fromSize);
+        if (at == std::string::npos)
+        {
+            continue;
+        }
         const std::size_t toLength = countCharacters(table.bytes.data() + entry.to, entry.toSize);
+        const Replacement record{0, table.from(entry), table.to(entry)}; // copied for each accepted one
         std::size_t countedBytes = 0; // character positions are known up to this byte
         std::size_t countedCharacters = 0;
-        std::size_t at = findBytes(data, size, 0, from, entry.fromSize);
         while (at != std::string::npos)
         {
             countedCharacters += countCharacters(data + countedBytes, at - countedBytes);
@@ -259,7 +265,8 @@ void searchAsBytes(const Utf8String& text, const Snapshot& table, std::vector<Re
             const std::size_t pos = countedCharacters;
             if (!occupancy.rejects(pos, entry.fromSize))
             {
-                accepted.push_back(Replacement{pos, table.from(entry), table.to(entry)});
+                accepted.push_back(record);
+                accepted.back().position = pos;
                 offsets.push_back(at);
                 occupancy.accept(pos, toLength);
             }
@@ -275,6 +282,34 @@ void searchAsBytes(const Utf8String& text, const Snapshot& table, std::vector<Re
 // right of the record being applied is kept as a list of pieces, so a
 // replacement that reaches into text that a record further right put in
 // removes characters from the front of that list.
+// A stack of pieces of text in a caller's fixed buffer when they fit, in a
+// vector otherwise.
+template <typename Piece>
+class PieceStackOf
+{
+public:
+    template <std::size_t N>
+    PieceStackOf(Piece (&buffer)[N], std::vector<Piece>& heap, std::size_t capacity) : m_Data(buffer)
+    {
+        if (capacity > N)
+        {
+            heap.resize(capacity);
+            m_Data = heap.data();
+        }
+    }
+
+    bool empty() const { return m_Size == 0; }
+    void push_back(const Piece& piece) { m_Data[m_Size++] = piece; }
+    void pop_back() { --m_Size; }
+    Piece& back() { return m_Data[m_Size - 1]; }
+    const Piece* begin() const { return m_Data; }
+    const Piece* end() const { return m_Data + m_Size; }
+
+private:
+    Piece* m_Data;
+    std::size_t m_Size = 0;
+};
+
 std::string applyFromRightToLeft(const std::string& input, const std::vector<Replacement>& sorted,
                                  const std::vector<std::size_t>& offsets)
 {
@@ -283,10 +318,13 @@ std::string applyFromRightToLeft(const std::string& input, const std::vector<Rep
         const char* data;
         std::size_t size;
     };
+    using PieceStack = PieceStackOf<Piece>;
 
     // The rewritten text right of the current record, front piece last.
-    std::vector<Piece> right;
-    right.reserve(2 * sorted.size());
+    // Each record adds at most two pieces; a line's few fit in `inPlace`.
+    Piece inPlace[64];
+    std::vector<Piece> onHeap;
+    PieceStack right(inPlace, onHeap, 2 * sorted.size());
     std::size_t rightEnd = input.size(); // where the untouched input ends
     for (std::size_t i = sorted.size(); i-- > 0;)
     {
@@ -337,8 +375,9 @@ std::string applyFromRightToLeft(const std::string& input, const std::vector<Rep
     std::string result;
     result.reserve(total);
     result.append(input, 0, rightEnd);
-    for (auto piece = right.rbegin(); piece != right.rend(); ++piece)
+    for (const Piece* piece = right.end(); piece != right.begin();)
     {
+        --piece;
         result.append(piece->data, piece->size);
     }
     return result;
@@ -438,15 +477,24 @@ void CharacterReplacements::takeSnapshot(detail::ReplacementSnapshot& snapshot) 
     {
         total += entry.first.size() + entry.second.size();
     }
-    snapshot.bytes.reserve(total);
-    snapshot.entries.reserve(table.size());
+    snapshot.bytes.resize(total);
+    snapshot.entries.resize(table.size());
+    char* const bytes = &snapshot.bytes[0];
+    std::size_t at = 0;
+    Snapshot::Entry* copied = snapshot.entries.data();
     for (const auto& entry : table)
     {
-        const std::size_t from = snapshot.bytes.size();
-        snapshot.bytes += entry.first.str();
-        const std::size_t to = snapshot.bytes.size();
-        snapshot.bytes += entry.second.str();
-        snapshot.entries.push_back(Snapshot::Entry{from, entry.first.size(), to, entry.second.size()});
+        const std::string& from = entry.first.str();
+        const std::string& to = entry.second.str();
+        std::memcpy(bytes + at, from.data(), from.size());
+        copied->from = at;
+        copied->fromSize = from.size();
+        at += from.size();
+        std::memcpy(bytes + at, to.data(), to.size());
+        copied->to = at;
+        copied->toSize = to.size();
+        at += to.size();
+        ++copied;
     }
 }
 
