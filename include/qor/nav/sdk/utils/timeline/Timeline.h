@@ -68,7 +68,10 @@ public:
     // ownership of the stream in every case: when a session is already active
     // the stream is closed at once and nothing else happens. The header is
     // written at once; a null stream leaves the timeline idle. A single-stream
-    // session never rolls over, whatever its size.
+    // session never rolls over, whatever its size. The timeline switches the
+    // stream's own locking off (its lock serialises every write) and gives a
+    // regular file that has not been written through the stream yet a 64 KiB
+    // buffer; other streams keep their buffering.
     void startSession(FILE* stream);
 
     // Starts a multipart session writing <baseName>.001 and its successors,
