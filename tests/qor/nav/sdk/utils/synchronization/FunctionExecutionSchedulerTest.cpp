@@ -109,28 +109,29 @@ TEST(FunctionExecutionSchedulerTest, FunctionMayShutDownAnotherSchedulerAfterIts
     FunctionExecutionScheduler caller("Caller", 0, 0);
     auto running = std::make_shared<qor::test::BlockingFunction>();
     auto queued = std::make_shared<CountingFunction>();
-    target.scheduleExecutionImmediately(running, Duration(1));
+    target.scheduleExecutionImmediately(running);
     target.scheduleExecutionLater(queued, Duration(60000));
     target.start();
     ASSERT_TRUE(running->entered.waitFor());
 
     qor::test::Latch stopping(1);
+    std::atomic<int> runsSeenAfterStop{-1};
     std::atomic<long> queuedOwnersAfterStop{-1};
     auto stopper = std::make_shared<CountingFunction>([&] {
         stopping.countDown();
         target.shutdown(); // joins the target's thread from the caller's
+        runsSeenAfterStop = running->runs();
         queuedOwnersAfterStop = queued.use_count();
     });
     caller.start();
     caller.scheduleExecutionImmediately(stopper);
     ASSERT_TRUE(stopping.waitFor());
-    EXPECT_EQ(0, stopper->runs()); // waits for the target's running function
+    EXPECT_EQ(0, stopper->runs()); // cannot finish while the target's function blocks
     running->release();
     ASSERT_TRUE(stopper->waitForRuns(1));
 
-    EXPECT_EQ(1, queuedOwnersAfterStop.load()); // the target's queue went before shutdown() returned
-    EXPECT_EQ(1, running->runs());              // finished once, not queued again
-    EXPECT_EQ(1, running.use_count());
+    EXPECT_EQ(1, runsSeenAfterStop.load());     // shutdown() waited for the running function
+    EXPECT_EQ(1, queuedOwnersAfterStop.load()); // and dropped the queue before it returned
     EXPECT_EQ(0, queued->started());
     auto after = std::make_shared<CountingFunction>();
     caller.scheduleExecutionImmediately(after);
