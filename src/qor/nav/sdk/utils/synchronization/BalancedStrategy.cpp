@@ -109,6 +109,16 @@ BalancedStrategy::HolderList::iterator BalancedStrategy::timedInsertPosition(std
         }
         return position;
     }
+    if (m_TimedTailRun == timed.end())
+    {
+        // The run at the end was removed from under its first record: find
+        // the new one (the records at the end with the last tick).
+        m_TimedTailRun = timed.end();
+        while (m_TimedTailRun != timed.begin() && std::prev(m_TimedTailRun)->dueTime == last)
+        {
+            --m_TimedTailRun;
+        }
+    }
     if (dueTime == last)
     {
         // In front of the equal ticks at the end, as the newest of them.
@@ -175,7 +185,8 @@ void BalancedStrategy::forgetTimed(HolderList::iterator position)
 {
     if (m_TimedWithinHalfRange && position == m_TimedTailRun)
     {
-        // What follows in the run (if anything) has the same tick.
+        // What follows in the run has the same tick; if nothing does, the
+        // end is marked unknown and found again by the next insertion.
         ++m_TimedTailRun;
     }
 }

@@ -221,13 +221,14 @@ TEST_F(BalancedStrategyTest, TimedOrderIsTheFrontSearchOrderForAnyMixOfTicks)
         long maxDelay;
         int farEvery;   // every n-th delay is one of the far values below (0: never)
         int jumpEvery;  // every n-th step the counter jumps by 2^30 (0: never)
+        bool fixedTicks; // delays aim at the ticks base+minDelay..base+maxDelay; removals take the last record
     };
     const Scenario scenarios[] = {
-        {"random delays within a second", 0, 1000, 0, 0},
-        {"equal delays (periodic work)", 1000, 1000, 0, 0},
-        {"few distinct ticks", 0, 3, 0, 0},
-        {"far, negative and wrapping delays", -2000, 2000, 3, 0},
-        {"records left waiting for half the counter's range", 0, 1000, 0, 40},
+        {"random delays within a second", 0, 1000, 0, 0, false},
+        {"equal delays (periodic work)", 1000, 1000, 0, 0, false},
+        {"few distinct ticks, latest ones removed", 100, 103, 0, 0, true},
+        {"far, negative and wrapping delays", -2000, 2000, 3, 0, false},
+        {"records left waiting for half the counter's range", 0, 1000, 0, 40, false},
     };
     const long farDelays[] = {2147483647L, 2147483648L, 3000000000L, 4294967295L, -2147483648L, -3000000000L};
 
@@ -235,6 +236,7 @@ TEST_F(BalancedStrategyTest, TimedOrderIsTheFrontSearchOrderForAnyMixOfTicks)
     {
         SCOPED_TRACE(scenario.name);
         m_Ticks.placeAt(kBeforeWrap);
+        const std::uint32_t base = Clock::getTickCounter();
         BalancedStrategy strategy;
         TimedOrderModel model;
         std::mt19937 random(20240611);
@@ -249,7 +251,7 @@ TEST_F(BalancedStrategyTest, TimedOrderIsTheFrontSearchOrderForAnyMixOfTicks)
                 m_Ticks.advance(0x40000000u);
             }
             const int action = actions(random);
-            if (action < 7 || model.empty())
+            if (action < (scenario.fixedTicks ? 5 : 7) || model.empty())
             {
                 long delay = delays(random);
                 if (scenario.farEvery != 0 && step % scenario.farEvery == 0)
@@ -258,6 +260,10 @@ TEST_F(BalancedStrategyTest, TimedOrderIsTheFrontSearchOrderForAnyMixOfTicks)
                 }
                 const unsigned long id = nextId++;
                 const std::uint32_t before = Clock::getTickCounter();
+                if (scenario.fixedTicks)
+                {
+                    delay = static_cast<std::int32_t>(base + static_cast<std::uint32_t>(delay) - before);
+                }
                 strategy.addFunctionExecution(record(id), Duration(delay));
                 if (Clock::getTickCounter() == before)
                 {
@@ -268,13 +274,15 @@ TEST_F(BalancedStrategyTest, TimedOrderIsTheFrontSearchOrderForAnyMixOfTicks)
                     strategy.removeFunctionExecution(FunctionExecutionId(id)); // due tick unknown
                 }
             }
-            else if (action < 9)
+            else if (action < (scenario.fixedTicks ? 6 : 9))
             {
                 ASSERT_EQ(model.popFront(), strategy.getNextTimedFunctionExecution().id.getValue()) << "step " << step;
             }
             else
             {
-                const unsigned long id = model.idAt(static_cast<std::size_t>(random()) % model.size());
+                const std::size_t index =
+                    scenario.fixedTicks ? model.size() - 1 : static_cast<std::size_t>(random()) % model.size();
+                const unsigned long id = model.idAt(index);
                 model.remove(id);
                 strategy.removeFunctionExecution(FunctionExecutionId(id));
             }
