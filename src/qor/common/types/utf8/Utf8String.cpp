@@ -3,6 +3,8 @@
 #include "qor/common/errors/InvalidArgumentException.h"
 #include "qor/common/types/utf8/ByteSearch.h"
 
+#include <cstring>
+
 namespace qor {
 namespace common {
 namespace types {
@@ -163,15 +165,27 @@ Utf8String& Utf8String::replaceAll(const Utf8String& what, const Utf8String& wit
     {
         return *this;
     }
-    if (with.m_Bytes.size() == whatSize)
+    const std::size_t withSize = with.m_Bytes.size();
+    if (withSize <= whatSize && &with != this && &what != this)
     {
-        // Same size: overwrite in place. The search goes on after the
-        // overwritten bytes, as it would in the original text.
-        do
+        // Not longer: rewrite in place, front to back. What is written never
+        // passes what is still to be read, so every search sees the original
+        // bytes.
+        char* const bytes = &m_Bytes[0];
+        const std::size_t size = m_Bytes.size();
+        std::size_t read = at;
+        std::size_t write = at;
+        while (at != std::string::npos)
         {
-            m_Bytes.replace(at, whatSize, with.m_Bytes);
-            at = detail::findBytes(m_Bytes.data(), m_Bytes.size(), at + whatSize, needle, whatSize);
-        } while (at != std::string::npos);
+            std::memmove(bytes + write, bytes + read, at - read);
+            write += at - read;
+            std::memcpy(bytes + write, with.m_Bytes.data(), withSize);
+            write += withSize;
+            read = at + whatSize;
+            at = detail::findBytes(bytes, size, read, needle, whatSize);
+        }
+        std::memmove(bytes + write, bytes + read, size - read);
+        m_Bytes.resize(write + size - read);
         return *this;
     }
     std::string result;

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
 #include <string>
 #include <vector>
 
@@ -137,6 +138,50 @@ TEST(Utf8StringTest, ReplaceAllGoesLeftToRightWithoutRescanningInsertedText)
     Utf8String broken("\xFF" "a\xFF");
     broken.replaceAll("a", "b");
     EXPECT_EQ(broken.str(), "\xFF" "b\xFF");
+}
+
+// replaceAll rewrites in place when the replacement is not longer, builds a
+// new string otherwise, and searches sixteen offsets a step; all of it must
+// give what the plain find-and-replace loop gives, at every length around
+// those steps and with either operand being the string itself.
+TEST(Utf8StringTest, ReplaceAllMatchesAPlainFindAndReplaceLoop)
+{
+    auto plain = [](std::string text, const std::string& what, const std::string& with) {
+        for (std::size_t at = text.find(what); !what.empty() && at != std::string::npos;
+             at = text.find(what, at + with.size()))
+        {
+            text.replace(at, what.size(), with);
+        }
+        return text;
+    };
+    std::mt19937 random(1357);
+    auto randomBytes = [&random](std::size_t maxSize) {
+        static const char alphabet[] = {'a', 'b', '\xC3', '\xA4'};
+        std::string bytes(random() % (maxSize + 1), 'a');
+        for (char& c : bytes)
+        {
+            c = alphabet[random() % 4];
+        }
+        return bytes;
+    };
+    for (int round = 0; round < 20000; ++round)
+    {
+        const std::string text = randomBytes(round % 100 == 0 ? 300 : 40);
+        const std::string what = randomBytes(4);
+        const std::string with = randomBytes(6);
+        Utf8String actual(text);
+        actual.replaceAll(what, with);
+        ASSERT_EQ(actual.str(), plain(text, what, with)) << "'" << text << "' '" << what << "' '" << with << "'";
+    }
+    Utf8String self("abab");
+    self.replaceAll(self, "x");
+    EXPECT_EQ(self.str(), "x");
+    Utf8String twice("ab");
+    twice.replaceAll("a", twice);
+    EXPECT_EQ(twice.str(), "abb");
+    Utf8String gone("ab");
+    gone.replaceAll("ab", gone);
+    EXPECT_EQ(gone.str(), "ab");
 }
 
 TEST(Utf8StringTest, AppendEncodesCodePointsAtEveryLengthBoundary)
