@@ -103,7 +103,7 @@ MemoryManager::MemoryManager(unsigned long limitInBytes)
     // splits the counts 0..m_MaxChunks at one place. An empty budget divides
     // 0 by 0: no count passes any threshold, and the level never moves.
     const auto consumptionOf = [this](std::uint64_t inUse) {
-        return static_cast<float>(inUse) / m_MaxChunksAsFloat;
+        return toFloat(inUse) / m_MaxChunksAsFloat;
     };
     for (unsigned level = Normal; level <= Critical; ++level)
     {

@@ -81,13 +81,15 @@ constexpr std::size_t kStreamBufferSize = 64 * 1024;
 // so locking the stream again per call would only cost time. A regular file
 // whose stream has not been used yet gets a larger buffer, so that a
 // recording makes few, large writes; other streams (terminals, pipes,
-// devices, memory streams) and streams already in use keep theirs.
+// devices, memory streams), streams already in use and streams the caller
+// made line-buffered or gave a buffer keep theirs.
 void tuneStream(FILE* stream, std::unique_ptr<char[]>& buffer)
 {
     ::__fsetlocking(stream, FSETLOCKING_BYCALLER);
     const int descriptor = ::fileno(stream);
     struct stat status;
-    if (descriptor < 0 || ::__fbufsize(stream) != 0 || ::fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode))
+    if (descriptor < 0 || ::__fbufsize(stream) != 0 || ::__flbf(stream) != 0 || ::fstat(descriptor, &status) != 0 ||
+        !S_ISREG(status.st_mode))
     {
         return;
     }
