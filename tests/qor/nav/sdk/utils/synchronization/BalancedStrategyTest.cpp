@@ -126,6 +126,29 @@ TEST_F(BalancedStrategyTest, EqualDueTicksComeOutNewestFirst)
     EXPECT_EQ((std::vector<unsigned long>{2, 4, 3, 1}), take(4));
 }
 
+// Removing every record of the latest due tick makes an earlier tick the
+// latest; a record added with that tick still goes in front of its equals.
+TEST_F(BalancedStrategyTest, EqualDueTicksStayNewestFirstAfterTheLatestTickIsRemoved)
+{
+    for (int attempt = 0; attempt < 1000; ++attempt)
+    {
+        BalancedStrategy strategy;
+        const std::uint32_t before = Clock::getTickCounter();
+        strategy.addFunctionExecution(record(1), Duration(10));
+        strategy.addFunctionExecution(record(2), Duration(20));
+        strategy.removeFunctionExecution(FunctionExecutionId(2));
+        strategy.addFunctionExecution(record(3), Duration(10));
+        if (Clock::getTickCounter() != before)
+        {
+            continue; // the due ticks may differ: try again
+        }
+        EXPECT_EQ(3u, strategy.getNextTimedFunctionExecution().id.getValue());
+        EXPECT_EQ(1u, strategy.getNextTimedFunctionExecution().id.getValue());
+        return;
+    }
+    FAIL() << "the tick counter never held still";
+}
+
 TEST_F(BalancedStrategyTest, AskingOrderAlternatesAfterEverySuccessfulPick)
 {
     for (unsigned long id : {11ul, 12ul, 13ul})
