@@ -9,8 +9,9 @@
 //     characters U+0000..U+001F.)
 //
 // Several implementations exist; which ones can run depends on the processor:
-// a word-at-a-time scalar path everywhere, SSE4.1 and AVX2 paths on x86-64
-// (chosen at run time, the build needs no -m flags), a NEON path on AArch64.
+// a word-at-a-time scalar path everywhere, SSE4.1, AVX2 and AVX-512 (BW)
+// paths on x86-64 (chosen at run time, the build needs no -m flags), a NEON
+// path on AArch64.
 // The vector paths check 64 bytes per step with three 16-entry table lookups
 // on the nibbles of each byte and of the byte before it, plus a check that
 // continuation bytes appear exactly where a three- or four-byte lead needs
@@ -35,7 +36,7 @@ using Utf8CheckFunction = bool (*)(const std::uint8_t* data, std::size_t size) n
 // One implementation of both checks.
 struct Utf8CheckPath
 {
-    const char* name; // "scalar", "sse4.1", "avx2", "neon"
+    const char* name; // "scalar", "sse4.1", "avx2", "avx512", "neon"
     Utf8CheckFunction isStrictUtf8;
     Utf8CheckFunction isStrictUtf8WithoutControls;
 };
