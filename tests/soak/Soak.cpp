@@ -52,6 +52,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -748,12 +749,9 @@ public:
             std::this_thread::sleep_for(std::chrono::microseconds(500 + m_Random() % 3000)); // pacing only
         }
         // Periodic work is not left to the shutdown: remove it all.
-        for (JobRecord& record : m_Records)
+        while (!m_LivePeriodic.empty())
         {
-            if (record.kind == Kind::Periodic && !record.removed.load())
-            {
-                remove(record);
-            }
+            remove(*m_LivePeriodic.front());
         }
     }
 
@@ -796,6 +794,7 @@ public:
 
 private:
     static constexpr std::size_t kRecent = 32;
+    static constexpr std::size_t kMaxLivePeriodic = 3;
 
     void operate()
     {
@@ -814,10 +813,10 @@ private:
             }
             return;
         }
-        Kind kind = dice < 60 ? Kind::Immediate : dice < 90 ? Kind::Delayed : Kind::Periodic;
-        if (kind == Kind::Periodic && m_LivePeriodic >= 3)
+        const Kind kind = dice < 60 ? Kind::Immediate : dice < 90 ? Kind::Delayed : Kind::Periodic;
+        if (kind == Kind::Periodic && m_LivePeriodic.size() >= kMaxLivePeriodic)
         {
-            kind = Kind::Immediate;
+            remove(*m_LivePeriodic.front()); // the oldest makes room
         }
         m_Records.emplace_back();
         JobRecord& record = m_Records.back();
@@ -835,7 +834,7 @@ private:
             id = m_Scheduler.scheduleExecutionLater(job, Duration(m_Random() % 50));
             break;
         case Kind::Periodic:
-            ++m_LivePeriodic;
+            m_LivePeriodic.push_back(&record);
             id = m_Random() % 2 == 0
                      ? m_Scheduler.scheduleExecutionImmediately(job, Duration(10 + m_Random() % 40))
                      : m_Scheduler.scheduleExecutionLater(job, Duration(m_Random() % 20),
@@ -852,7 +851,7 @@ private:
         ++m_Removals;
         if (record.kind == Kind::Periodic)
         {
-            --m_LivePeriodic;
+            m_LivePeriodic.erase(std::find(m_LivePeriodic.begin(), m_LivePeriodic.end(), &record));
         }
     }
 
@@ -862,7 +861,7 @@ private:
     std::list<JobRecord> m_Records;
     Tally m_Tally;
     std::uint64_t m_Removals = 0;
-    unsigned m_LivePeriodic = 0;
+    std::deque<JobRecord*> m_LivePeriodic; // not removed yet, oldest first
 };
 
 // --------------------------------------------------------------------- text
