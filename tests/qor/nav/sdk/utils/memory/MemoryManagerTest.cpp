@@ -328,15 +328,18 @@ void expectLevelsAlong(std::uint64_t maxChunks, const std::vector<std::uint64_t>
     std::uint64_t inUse = 0;
     for (const std::uint64_t target : targets)
     {
-        SCOPED_TRACE(::testing::Message() << maxChunks << " chunks, from " << inUse << " to " << target << " in use");
+        // Formatted only when an assertion fails: the walks make many calls.
+        const auto where = [&] {
+            return ::testing::Message() << maxChunks << " chunks, from " << inUse << " to " << target << " in use";
+        };
         listener.clear();
         if (target >= inUse)
         {
             const bool grantable = reference.level() != Critical;
-            ASSERT_EQ(grantable, manager.requestChunks(static_cast<unsigned long>(target - inUse)));
+            ASSERT_EQ(grantable, manager.requestChunks(static_cast<unsigned long>(target - inUse))) << where();
             if (!grantable)
             {
-                EXPECT_TRUE(listener.notifications().empty());
+                ASSERT_TRUE(listener.notifications().empty()) << where();
                 continue;
             }
         }
@@ -344,10 +347,11 @@ void expectLevelsAlong(std::uint64_t maxChunks, const std::vector<std::uint64_t>
         {
             manager.returnChunks(static_cast<unsigned long>(inUse - target));
         }
+        const std::vector<RecordingMemoryListener::Notification> expected = reference.moveTo(target);
+        ASSERT_EQ(expected, listener.notifications()) << where();
         inUse = target;
-        ASSERT_EQ(reference.moveTo(inUse), listener.notifications());
-        ASSERT_EQ(reference.level(), manager.getMemoryStatus());
-        ASSERT_EQ(reference.consumptionOf(inUse), manager.getMemoryConsumption());
+        ASSERT_EQ(reference.level(), manager.getMemoryStatus()) << where();
+        ASSERT_EQ(reference.consumptionOf(inUse), manager.getMemoryConsumption()) << where();
     }
 }
 
