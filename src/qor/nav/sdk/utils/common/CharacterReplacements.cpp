@@ -276,12 +276,6 @@ void searchAsBytes(const Utf8String& text, const Snapshot& table, std::vector<Re
     }
 }
 
-// The records (sorted by position) applied to well-formed text from right to
-// left, as Utf8String::replace(position, from.length(), to) would apply them
-// one after the other, but in time linear in the text: the rewritten part
-// right of the record being applied is kept as a list of pieces, so a
-// replacement that reaches into text that a record further right put in
-// removes characters from the front of that list.
 // A stack of pieces of text in a caller's fixed buffer when they fit, in a
 // vector otherwise.
 template <typename Piece>
@@ -310,6 +304,12 @@ private:
     std::size_t m_Size = 0;
 };
 
+// The records (sorted by position) applied to well-formed text from right to
+// left, as Utf8String::replace(position, from.length(), to) would apply them
+// one after the other, but in time linear in the text: the rewritten part
+// right of the record being applied is kept as a list of pieces, so a
+// replacement that reaches into text that a record further right put in
+// removes characters from the front of that list.
 std::string applyFromRightToLeft(const std::string& input, const std::vector<Replacement>& sorted,
                                  const std::vector<std::size_t>& offsets)
 {
