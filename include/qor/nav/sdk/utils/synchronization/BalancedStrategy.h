@@ -126,8 +126,8 @@ private:
     bool m_TimedWithinHalfRange;
     HolderList::iterator m_TimedTailRun;
 
-    // Nodes of handed-out records, empty, kept for the next records. Each
-    // holds no Function.
+    // Nodes of handed-out records, empty, kept for the next records (at most
+    // 1,024). None holds a Function.
     HolderList m_SpareHolders;
 };
 
