@@ -94,16 +94,17 @@ FunctionExecutionId FunctionExecutionSchedulerImpl::scheduleExecutionLater(Funct
 FunctionExecutionId FunctionExecutionSchedulerImpl::enqueue(Function::shared_ptr&& function, std::uint32_t period,
                                                            const Duration* delay)
 {
-    FunctionExecutionId id(0);
+    // Built before locking and released after unlocking, so that the mutex
+    // is held only for the id and the strategy call.
+    FunctionExecution record{FunctionExecutionId(0), std::move(function), period};
     {
         MutexGuard guard(m_mutex);
-        id = FunctionExecutionId(m_nextFunctionExecutionId++);
+        record.id = FunctionExecutionId(m_nextFunctionExecutionId++);
         if (!m_strategy)
         {
             // Stopped: the id is consumed, the function dropped.
-            return id;
+            return record.id;
         }
-        const FunctionExecution record{id, std::move(function), period};
         if (delay != nullptr)
         {
             m_strategy->addFunctionExecution(record, *delay);
@@ -117,7 +118,7 @@ FunctionExecutionId FunctionExecutionSchedulerImpl::enqueue(Function::shared_ptr
     // block on the mutex this thread still holds. The worker checks its
     // strategy under the mutex, so no record can be missed.
     m_condVar.signal();
-    return id;
+    return record.id;
 }
 
 void FunctionExecutionSchedulerImpl::asyncRemoveFunctionExecution(const FunctionExecutionId& id)
