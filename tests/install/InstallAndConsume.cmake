@@ -1,7 +1,9 @@
 # Installs the build tree to a temporary prefix, then builds and runs two
 # consumers against it: one with find_package(qor 1.0 CONFIG), one with
-# pkg-config. Run as a ctest test in script mode (-P).
-foreach(var QOR_SOURCE_DIR QOR_BINARY_DIR QOR_WORK_DIR QOR_GENERATOR QOR_CXX_COMPILER)
+# pkg-config. When the demo is part of the build (QOR_DEMO=ON), the installed
+# qor-utils-demo then runs in a temporary folder and must leave a trace.json
+# there that parses as JSON. Run as a ctest test in script mode (-P).
+foreach(var QOR_SOURCE_DIR QOR_BINARY_DIR QOR_WORK_DIR QOR_GENERATOR QOR_CXX_COMPILER QOR_VERSION)
   if(NOT DEFINED ${var})
     message(FATAL_ERROR "${var} is not set")
   endif()
@@ -22,7 +24,15 @@ endfunction()
 
 run_step("install" ${CMAKE_COMMAND} --install ${QOR_BINARY_DIR} --prefix ${prefix})
 
-foreach(f include/qor/common/logging/Logger.h include/qor/Version.h
+if(NOT EXISTS ${prefix}/include/qor/Version.h)
+  message(FATAL_ERROR "installed tree lacks include/qor/Version.h")
+endif()
+file(STRINGS ${prefix}/include/qor/Version.h version_line REGEX "define QOR_VERSION_STRING")
+if(NOT version_line MATCHES "\"${QOR_VERSION}\"")
+  message(FATAL_ERROR "installed Version.h does not say ${QOR_VERSION}: ${version_line}")
+endif()
+
+foreach(f include/qor/common/logging/Logger.h
           lib/libqor.common.so lib/libqor.nav.sdk.utils.so
           lib/cmake/qor/qorConfig.cmake lib/cmake/qor/qorConfigVersion.cmake
           lib/pkgconfig/qor-common.pc lib/pkgconfig/qor-nav-sdk-utils.pc)
@@ -60,4 +70,35 @@ run_step("build pkg-config consumer" ${QOR_CXX_COMPILER} -std=c++17 ${QOR_SOURCE
 run_step("run pkg-config consumer" ${QOR_WORK_DIR}/pc_consumer)
 if(NOT last_output MATCHES "consumer ok")
   message(FATAL_ERROR "pkg-config consumer printed:\n${last_output}")
+endif()
+
+# The installed demo, run as a user would: from a fresh folder, no arguments.
+if(QOR_DEMO)
+  set(demo ${prefix}/bin/qor-utils-demo)
+  if(NOT EXISTS ${demo})
+    message(FATAL_ERROR "installed tree lacks bin/qor-utils-demo")
+  endif()
+  # It must find the installed libraries, not those of the build tree.
+  find_program(LDD ldd)
+  if(LDD)
+    run_step("ldd qor-utils-demo" ${LDD} ${demo})
+    if(NOT last_output MATCHES "libqor.nav.sdk.utils.so[^\n]*=> ${prefix}/lib/")
+      message(FATAL_ERROR "installed qor-utils-demo does not use the installed libraries:\n${last_output}")
+    endif()
+  endif()
+  set(demo_dir ${QOR_WORK_DIR}/demo-run)
+  file(MAKE_DIRECTORY ${demo_dir})
+  execute_process(COMMAND ${demo} WORKING_DIRECTORY ${demo_dir} TIMEOUT 240
+    RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "installed qor-utils-demo failed (${rc}):\n${out}\n${err}")
+  endif()
+  if(NOT out MATCHES "Summary \\(qor ${QOR_VERSION}\\)")
+    message(FATAL_ERROR "installed qor-utils-demo does not print version ${QOR_VERSION}:\n${out}")
+  endif()
+  if(NOT EXISTS ${demo_dir}/trace.json)
+    message(FATAL_ERROR "installed qor-utils-demo left no trace.json in ${demo_dir}:\n${out}")
+  endif()
+  find_program(PYTHON3 NAMES python3 REQUIRED)
+  run_step("trace.json of the installed demo parses" ${PYTHON3} -m json.tool ${demo_dir}/trace.json)
 endif()
