@@ -441,39 +441,56 @@ TEST(UTF8ValidatorTest, ValidatorsAgreeOnLongRunsWithAFaultNearTheirEdges)
     EXPECT_FALSE(valid(std::string(1 << 20, 'a') + "\xF4\x8F\xBF"));
 }
 
-TEST(UTF8ValidatorTest, ValidatorsAgreeOnEveryShortSequenceOfRangeEdgeBytes)
+// Calls `check` with every string whose i-th byte is taken from alphabets[i].
+template <typename Check>
+void forEveryCombination(const std::vector<std::string>& alphabets, Check check)
 {
-    // Every byte that starts or ends a range of the well-formed table, or
-    // sits just outside one, in every combination of up to four; alone and
-    // after 62 ASCII bytes, so that the sequence crosses a 64-byte edge.
-    const std::string edges("\x00\x7F\x80\x8F\x90\x9F\xA0\xBF\xC0\xC1\xC2\xDF\xE0\xE1\xEC\xED\xEE\xEF\xF0\xF1\xF3\xF4\xF5\xFF",
-                            24);
-    const std::string lead(62, 'a');
-    std::size_t wellFormed = 0;
-    for (std::size_t count = 1; count <= 4; ++count)
+    std::vector<std::size_t> digit(alphabets.size(), 0);
+    while (true)
     {
-        std::vector<std::size_t> digit(count, 0);
-        while (true)
+        std::string bytes;
+        for (std::size_t i = 0; i < digit.size(); ++i)
         {
-            std::string bytes;
-            for (const std::size_t d : digit)
-            {
-                bytes.push_back(edges[d]);
-            }
-            ASSERT_TRUE(allAgree(bytes));
-            ASSERT_TRUE(allAgree(lead + bytes));
-            wellFormed += unicode(bytes) ? 1 : 0;
-            std::size_t i = 0;
-            while (i < count && ++digit[i] == edges.size())
-            {
-                digit[i++] = 0;
-            }
-            if (i == count)
-            {
-                break;
-            }
+            bytes.push_back(alphabets[i][digit[i]]);
+        }
+        check(bytes);
+        std::size_t i = 0;
+        while (i < digit.size() && ++digit[i] == alphabets[i].size())
+        {
+            digit[i++] = 0;
+        }
+        if (i == digit.size())
+        {
+            return;
         }
     }
+}
+
+TEST(UTF8ValidatorTest, ValidatorsAgreeOnEveryShortSequenceOfRangeEdgeBytes)
+{
+    // Bytes that start or end a range of the well-formed table, or sit just
+    // outside one: every combination of up to three, and every lead byte
+    // among them followed by three of the bytes that matter after a lead.
+    // Each alone and after 62 ASCII bytes, so that it crosses a 64-byte edge.
+    const std::string edges("\x00\x7F\x80\x8F\x90\x9F\xA0\xBF\xC0\xC1\xC2\xDF\xE0\xE1\xEC\xED\xEE\xEF\xF0\xF1\xF3\xF4\xF5\xFF",
+                            24);
+    const std::string leads = edges.substr(8);
+    const std::string followers("\x7F\x80\x8F\x90\x9F\xA0\xBF\xC2", 8);
+    const std::string ascii(62, 'a');
+    std::size_t wellFormed = 0;
+    const auto check = [&](const std::string& bytes) {
+        if (testing::Test::HasFatalFailure())
+        {
+            return; // report the first disagreement only
+        }
+        ASSERT_TRUE(allAgree(bytes));
+        ASSERT_TRUE(allAgree(ascii + bytes));
+        wellFormed += unicode(bytes) ? 1 : 0;
+    };
+    forEveryCombination({edges}, check);
+    forEveryCombination({edges, edges}, check);
+    forEveryCombination({edges, edges, edges}, check);
+    forEveryCombination({leads, followers, followers, followers}, check);
     EXPECT_GT(wellFormed, 1000u) << "the combinations must include many well-formed ones";
 }
 
