@@ -122,13 +122,6 @@ TEST(RWLockTest, GuardsReleaseOnEveryWayOut)
     });
     EXPECT_TRUE(written.waitFor());
     writer.join();
-
-    // The const and non-const UnLock release alike.
-    const RWLock& constLock = lock;
-    constLock.ReadLock();
-    constLock.UnLock();
-    lock.WriteLock();
-    lock.UnLock();
 }
 
 } // namespace

@@ -88,22 +88,10 @@ TEST(ThreadTest, RunsHooksInOrderOnTheNewThreadWithItsIdAndCurrentThread)
     EXPECT_EQ("Recorder", thread.m_OsName);
 }
 
-TEST(ThreadTest, RunsTheGivenRunnable)
-{
-    std::atomic<int> runs{0};
-    FunctionRunnable body([&] { ++runs; });
-    Thread thread("WithRunnable", &body);
-    thread.start();
-    thread.join();
-    EXPECT_EQ(1, runs.load());
-}
-
 TEST(ThreadTest, OsNameIsCutToFifteenBytesAtACharacterBoundary)
 {
-    // 15 ASCII bytes fit; the 16th byte is cut.
+    // 15 bytes fit; a two-byte character across bytes 15 and 16 is dropped whole.
     RecordingThread ascii("ABCDEFGHIJKLMNOPQRS");
-    // 14 ASCII bytes and a two-byte character spanning bytes 15 and 16: the
-    // whole character is dropped rather than half of it.
     RecordingThread utf8("ABCDEFGHIJKLMN\xC3\xA9xyz");
     ascii.start();
     utf8.start();
@@ -116,31 +104,22 @@ TEST(ThreadTest, OsNameIsCutToFifteenBytesAtACharacterBoundary)
     EXPECT_STREQ("ABCDEFGHIJKLMN\xC3\xA9xyz", utf8.getName());
 }
 
-TEST(ThreadTest, SecondStartThrowsIllegalState)
+TEST(ThreadTest, RunsTheRunnableOnceStartsOnceAndJoinsQuietlyAnyNumberOfTimes)
 {
-    FunctionRunnable body([] {});
-    Thread thread("StartedTwice", &body);
-    thread.start();
-    EXPECT_THROW(thread.start(), IllegalStateException);
-    thread.join();
-    EXPECT_THROW(thread.start(), IllegalStateException);
-}
-
-TEST(ThreadTest, JoinIsQuietWhenNeverStartedAndWhenRepeated)
-{
-    FunctionRunnable body([] {});
+    std::atomic<int> runs{0};
+    FunctionRunnable body([&] { ++runs; });
     Thread neverStarted("NeverStarted", &body);
     neverStarted.join();
     neverStarted.join();
     EXPECT_FALSE(neverStarted.isStarted());
 
-    std::atomic<bool> finished{false};
-    FunctionRunnable finishing([&] { finished = true; });
-    Thread thread("JoinedTwice", &finishing);
+    Thread thread("StartedTwice", &body);
     thread.start();
+    EXPECT_THROW(thread.start(), IllegalStateException);
     thread.join();
-    EXPECT_TRUE(finished.load());
+    EXPECT_EQ(1, runs.load());
     thread.join();
+    EXPECT_THROW(thread.start(), IllegalStateException);
 }
 
 TEST(ThreadTest, JoinFromTheThreadItselfReturnsAndALaterJoinStillWaits)
@@ -218,8 +197,7 @@ bool kernelThreadAlive(std::uint64_t tid)
     return ::access(("/proc/self/task/" + std::to_string(tid)).c_str(), F_OK) == 0;
 }
 
-// A body that destroys its own Thread object, as a job that shuts down the
-// worker running it does.
+// A body that destroys its own Thread object (a job shutting down its worker).
 class SelfDestroyingRunnable : public Runnable
 {
 public:
@@ -264,33 +242,16 @@ TEST(ThreadTest, CurrentThreadOfTheMainThreadIsAdoptedUnderItsOsName)
 
 TEST(ThreadTest, CurrentThreadOfAForeignThreadIsAdoptedUnderItsOsName)
 {
-    struct Seen
-    {
-        bool stable = false;
-        std::uint64_t id = 0;
-        std::uint64_t kernelId = 0;
-        std::string name;
-        bool lockable = false;
-    } seen;
-    std::thread foreign([&seen] {
+    std::thread foreign([] {
         ::pthread_setname_np(::pthread_self(), "foreignWorker");
         Thread& current = Thread::getCurrentThread();
-        seen.stable = (&current == &Thread::getCurrentThread());
-        seen.id = current.getId();
-        seen.kernelId = kernelThreadId();
-        seen.name = current.getName();
-        seen.lockable = current.getMutex().lock(qor::common::system::Mutex::NoWait);
-        if (seen.lockable)
-        {
-            current.getMutex().unlock();
-        }
+        EXPECT_EQ(&current, &Thread::getCurrentThread());
+        EXPECT_EQ(kernelThreadId(), current.getId());
+        EXPECT_STREQ("foreignWorker", current.getName());
+        ASSERT_TRUE(current.getMutex().lock(qor::common::system::Mutex::NoWait));
+        current.getMutex().unlock();
     });
     foreign.join();
-
-    EXPECT_TRUE(seen.stable);
-    EXPECT_EQ(seen.kernelId, seen.id);
-    EXPECT_EQ("foreignWorker", seen.name);
-    EXPECT_TRUE(seen.lockable);
 }
 
 TEST(ThreadDeathTest, ExceptionEscapingRunIsLoggedAndTerminates)

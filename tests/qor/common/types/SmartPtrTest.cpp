@@ -27,21 +27,6 @@ struct Tracked : Base
 
 static_assert(sizeof(SmartPtr<Base>) == 2 * sizeof(void*), "two words: object and count");
 
-TEST(SmartPtrTest, EmptyPointerHasNoCountAndStaysEmptyWhenCopied)
-{
-    SmartPtr<Base> empty;
-    EXPECT_EQ(nullptr, empty.get());
-    EXPECT_FALSE(empty);
-    EXPECT_EQ(0, empty.useCount());
-    SmartPtr<Base> copy(empty);
-    SmartPtr<Base> assigned;
-    assigned = copy;
-    EXPECT_FALSE(assigned);
-    EXPECT_EQ(0, assigned.useCount());
-    assigned.reset();
-    EXPECT_EQ(0, assigned.useCount());
-}
-
 TEST(SmartPtrTest, LastCopyDeletesThroughTheVirtualDestructorExactlyOnce)
 {
     std::atomic<int> destroyed{0};
@@ -68,7 +53,7 @@ TEST(SmartPtrTest, LastCopyDeletesThroughTheVirtualDestructorExactlyOnce)
     EXPECT_EQ(1, destroyed.load());
 }
 
-TEST(SmartPtrTest, AssignmentReleasesTheFormerObject)
+TEST(SmartPtrTest, AssignmentReleasesTheFormerObjectAndEmptyPointersHaveNoCount)
 {
     std::atomic<int> destroyedA{0};
     std::atomic<int> destroyedB{0};
@@ -81,6 +66,13 @@ TEST(SmartPtrTest, AssignmentReleasesTheFormerObject)
     keepB = a;
     EXPECT_EQ(1, destroyedB.load());
     EXPECT_EQ(3, a.useCount());
+
+    const SmartPtr<Base> empty;
+    b = empty;
+    EXPECT_FALSE(b);
+    EXPECT_EQ(0, b.useCount());
+    EXPECT_EQ(nullptr, SmartPtr<Base>(empty).get());
+    EXPECT_EQ(2, a.useCount());
     EXPECT_EQ(0, destroyedA.load());
 }
 
