@@ -48,84 +48,64 @@ TEST(CondVarTest, TimedWaitWithoutSignalTimesOutNoEarlierThanItsTimeout)
     }
 }
 
-TEST(CondVarTest, SignalWakesATimedAndAnUntimedWaiter)
+// One waiter woken by signal() from a timed and from an untimed wait, then
+// three timed waiters woken by one broadcast().
+TEST(CondVarTest, SignalWakesOneWaiterAndBroadcastWakesEvery)
 {
-    for (const bool timed : {true, false})
+    struct Case
+    {
+        int waiters;
+        bool timed;
+    };
+    for (const Case c : {Case{1, true}, Case{1, false}, Case{3, true}})
     {
         Mutex mutex;
         CondVar cond;
-        bool waiting = false;
+        int waiting = 0;
         bool ready = false;
-        bool lastWaitSignalled = false;
-        std::thread waiter([&] {
-            MutexGuard guard(mutex);
-            waiting = true;
-            while (!ready)
-            {
-                if (timed)
+        std::atomic<int> woken{0};
+        std::atomic<int> signalledWaits{0};
+        std::vector<std::thread> waiters;
+        for (int i = 0; i < c.waiters; ++i)
+        {
+            waiters.emplace_back([&] {
+                MutexGuard guard(mutex);
+                ++waiting;
+                while (!ready)
                 {
-                    lastWaitSignalled = cond.wait(mutex, 60000);
+                    if (c.timed)
+                    {
+                        signalledWaits += cond.wait(mutex, 60000) ? 1 : 0;
+                    }
+                    else
+                    {
+                        cond.wait(mutex);
+                    }
                 }
-                else
-                {
-                    cond.wait(mutex);
-                }
-            }
-        });
-        // The waiter releases the mutex only inside wait(), so once `waiting`
-        // is seen under the mutex the waiter is blocked in wait().
+                ++woken;
+            });
+        }
+        // Waiters release the mutex only inside wait(): once all are counted
+        // under the mutex, all are blocked in wait().
         ASSERT_TRUE(qor::test::waitUntil([&] {
             MutexGuard guard(mutex);
-            return waiting;
+            return waiting == c.waiters;
         }));
         {
             MutexGuard guard(mutex);
             ready = true;
-            cond.signal();
+            c.waiters == 1 ? cond.signal() : cond.broadcast();
         }
-        waiter.join();
-        if (timed)
+        for (std::thread& waiter : waiters)
         {
-            EXPECT_TRUE(lastWaitSignalled);
+            waiter.join();
+        }
+        EXPECT_EQ(c.waiters, woken.load());
+        if (c.timed)
+        {
+            EXPECT_LE(c.waiters, signalledWaits.load()) << "a woken timed wait reports the signal";
         }
     }
-}
-
-TEST(CondVarTest, BroadcastWakesEveryWaiter)
-{
-    Mutex mutex;
-    CondVar cond;
-    int waiting = 0;
-    bool ready = false;
-    constexpr int kWaiters = 3;
-    std::atomic<int> woken{0};
-    std::vector<std::thread> waiters;
-    for (int i = 0; i < kWaiters; ++i)
-    {
-        waiters.emplace_back([&] {
-            MutexGuard guard(mutex);
-            ++waiting;
-            while (!ready)
-            {
-                cond.wait(mutex, 60000);
-            }
-            ++woken;
-        });
-    }
-    ASSERT_TRUE(qor::test::waitUntil([&] {
-        MutexGuard guard(mutex);
-        return waiting == kWaiters;
-    }));
-    {
-        MutexGuard guard(mutex);
-        ready = true;
-        cond.broadcast();
-    }
-    for (std::thread& waiter : waiters)
-    {
-        waiter.join();
-    }
-    EXPECT_EQ(kWaiters, woken.load());
 }
 
 } // namespace
