@@ -228,28 +228,29 @@ TEST(ThreadTest, BodyMayDestroyItsOwnThreadObject)
     EXPECT_TRUE(qor::test::waitUntil([&] { return !kernelThreadAlive(body.m_KernelId.load()); }));
 }
 
-TEST(ThreadTest, CurrentThreadOfTheMainThreadIsAdoptedUnderItsOsName)
+// The calling thread's object when no Thread started it: one per thread, under
+// its kernel id and OS name, started for good and never joined.
+void expectAdopted(const std::string& osName)
 {
-    // gtest runs tests on the main thread, whose kernel id is the process id.
     Thread& current = Thread::getCurrentThread();
     EXPECT_EQ(&current, &Thread::getCurrentThread());
-    EXPECT_EQ(static_cast<std::uint64_t>(::getpid()), current.getId());
-    EXPECT_EQ(osNameOfCallingThread(), current.getName());
+    EXPECT_EQ(kernelThreadId(), current.getId());
+    EXPECT_EQ(osName, current.getName());
     EXPECT_TRUE(current.isStarted());
-    current.join(); // an adopted thread is never joined
+    current.join();
     EXPECT_THROW(current.start(), IllegalStateException);
+    ASSERT_TRUE(current.getMutex().lock(qor::common::system::Mutex::NoWait));
+    current.getMutex().unlock();
 }
 
-TEST(ThreadTest, CurrentThreadOfAForeignThreadIsAdoptedUnderItsOsName)
+TEST(ThreadTest, MainAndForeignThreadsAreAdoptedUnderTheirOsNames)
 {
+    // gtest runs tests on the main thread, whose kernel id is the process id.
+    EXPECT_EQ(static_cast<std::uint64_t>(::getpid()), Thread::getCurrentThread().getId());
+    expectAdopted(osNameOfCallingThread());
     std::thread foreign([] {
         ::pthread_setname_np(::pthread_self(), "foreignWorker");
-        Thread& current = Thread::getCurrentThread();
-        EXPECT_EQ(&current, &Thread::getCurrentThread());
-        EXPECT_EQ(kernelThreadId(), current.getId());
-        EXPECT_STREQ("foreignWorker", current.getName());
-        ASSERT_TRUE(current.getMutex().lock(qor::common::system::Mutex::NoWait));
-        current.getMutex().unlock();
+        expectAdopted("foreignWorker");
     });
     foreign.join();
 }
