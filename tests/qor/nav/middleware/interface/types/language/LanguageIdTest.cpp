@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <map>
 #include <type_traits>
+#include <utility>
 
 namespace {
 
@@ -26,26 +27,26 @@ TEST(LanguageIdTest, KeepsTheFourFieldsWithTheirTypes)
 
 TEST(LanguageIdTest, OrdersLexicographicallyWithASignedLanguageCode)
 {
-    // Each earlier field decides, whatever the later ones hold.
-    EXPECT_LT(LanguageId(1, 9, 9, 9), LanguageId(2, 0, 0, 0));
-    EXPECT_LT(LanguageId(1, 1, 9, 9), LanguageId(1, 2, 0, 0));
-    EXPECT_LT(LanguageId(1, 1, 1, 9), LanguageId(1, 1, 2, 0));
-    EXPECT_LT(LanguageId(1, 1, 1, 1), LanguageId(1, 1, 1, 2));
-    // Unsigned where unsigned, signed where signed.
-    EXPECT_LT(LanguageId(0x7FFF, 0, 0, 0), LanguageId(0x8000, 0, 0, 0));
-    EXPECT_LT(LanguageId(0, -1, 0, 0), LanguageId(0, 0, 0, 0));
-    EXPECT_LT(LanguageId(0, 0, 0x7FFFFFFFu, 0), LanguageId(0, 0, 0x80000000u, 0));
-    EXPECT_LT(LanguageId(0, 0, 0, 0x7F), LanguageId(0, 0, 0, 0x80));
-
+    // Each earlier field decides whatever the later ones hold; unsigned
+    // fields compare unsigned, the language code signed.
+    const std::pair<LanguageId, LanguageId> lessThan[] = {
+        {LanguageId(1, 9, 9, 9), LanguageId(2, 0, 0, 0)},        {LanguageId(1, 1, 9, 9), LanguageId(1, 2, 0, 0)},
+        {LanguageId(1, 1, 1, 9), LanguageId(1, 1, 2, 0)},        {LanguageId(1, 1, 1, 1), LanguageId(1, 1, 1, 2)},
+        {LanguageId(0x7FFF, 0, 0, 0), LanguageId(0x8000, 0, 0, 0)}, {LanguageId(0, -1, 0, 0), LanguageId(0, 0, 0, 0)},
+        {LanguageId(0, 0, 0x7FFFFFFFu, 0), LanguageId(0, 0, 0x80000000u, 0)},
+        {LanguageId(0, 0, 0, 0x7F), LanguageId(0, 0, 0, 0x80)},
+    };
+    for (const auto& pair : lessThan)
+    {
+        EXPECT_TRUE(pair.first < pair.second);
+        EXPECT_FALSE(pair.second < pair.first);
+        EXPECT_NE(pair.first, pair.second);
+    }
     const LanguageId same(0x8000, 7258, 998, 0);
     EXPECT_FALSE(same < same);
     EXPECT_EQ(same, LanguageId(0x8000, 7258, 998, 0));
-    EXPECT_NE(same, LanguageId(0x8000, 7258, 998, 1));
 
-    std::map<LanguageId, int> byId;
-    byId[LanguageId(0x8000, 7258, 998, 0)] = 1;
-    byId[LanguageId(0x8000, 7258, 998, 1)] = 2;
-    byId[LanguageId(0x8000, -1, 998, 0)] = 3;
+    const std::map<LanguageId, int> byId = {{same, 1}, {LanguageId(0x8000, 7258, 998, 1), 2}, {LanguageId(0x8000, -1, 998, 0), 3}};
     EXPECT_EQ(byId.size(), 3u);
     EXPECT_EQ(byId.begin()->second, 3);
     EXPECT_EQ(byId.at(LanguageId(0x8000, 7258, 998, 0)), 1);
