@@ -1,17 +1,10 @@
-// A memory listener that records every status change it hears of.
+// A memory listener that records every status change it hears of, with the
+// calling thread. Listeners sharing a journal append themselves to it when
+// called (the order of calls); setThrowing(true) makes it throw
+// std::runtime_error after recording. Registration registers for its lifetime.
 //
-//   RecordingMemoryListener listener;
-//   RecordingMemoryListener::Registration registered(manager, listener);   // unregisters when destroyed
-//   manager.requestChunks(71);
-//   EXPECT_EQ((Notifications{{Elevated, Normal}}), listener.notifications());
-//
-// Listeners given the same journal append themselves to it when called, which
-// shows the order of calls. setThrowing(true) makes the listener throw
-// std::runtime_error after recording.
-//
-// Threads: notifications may arrive on any thread; the accessors may be called
-// from any thread. A shared journal is written under the manager's listener
-// mutex and must be read only after the calls.
+// Threads: notifications may arrive on any thread and the accessors may be
+// called from any thread; a shared journal must be read only after the calls.
 #ifndef QOR_TESTS_SUPPORT_RECORDINGMEMORYLISTENER_H
 #define QOR_TESTS_SUPPORT_RECORDINGMEMORYLISTENER_H
 
@@ -24,8 +17,7 @@
 #include <thread>
 #include <vector>
 
-namespace qor {
-namespace test {
+namespace qor::test {
 
 class RecordingMemoryListener : public nav::sdk::utils::memory::IMemoryListener
 {
@@ -46,9 +38,6 @@ public:
         }
     };
 
-    // Registers a listener for the registration's lifetime. Local
-    // registrations end in the reverse order of their start, which is the
-    // order the manager's list needs.
     class Registration
     {
     public:
@@ -108,7 +97,6 @@ private:
     bool m_Throwing = false;
 };
 
-} // namespace test
-} // namespace qor
+} // namespace qor::test
 
 #endif

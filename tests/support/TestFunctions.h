@@ -1,10 +1,6 @@
-// Reusable doubles for scheduler tests: Functions that count, throw and block,
-// a strategy that records what it is given, and a guard that moves the tick
-// counter. Waits return false after a deadline instead of hanging a test.
-//
-//   auto job = std::make_shared<qor::test::CountingFunction>([&] { latch.countDown(); });
-//   scheduler.scheduleExecutionImmediately(job);
-//   ASSERT_TRUE(job->waitForRuns(1));        // signalled from inside execute()
+// Scheduler test doubles: Functions that count, throw and block, a strategy
+// that records what it is given, and a guard that moves the tick counter.
+// Waits give up (return false) after a deadline instead of hanging a test.
 #ifndef QOR_TESTS_SUPPORT_TESTFUNCTIONS_H
 #define QOR_TESTS_SUPPORT_TESTFUNCTIONS_H
 
@@ -17,8 +13,7 @@
 #include <string>
 #include <vector>
 
-namespace qor {
-namespace test {
+namespace qor::test {
 
 // Runs an optional body; started() counts entries, runs() completed runs.
 class CountingFunction : public nav::sdk::utils::synchronization::Function
@@ -176,7 +171,6 @@ private:
     std::vector<Added> m_Added;
 };
 
-} // namespace test
-} // namespace qor
+} // namespace qor::test
 
 #endif

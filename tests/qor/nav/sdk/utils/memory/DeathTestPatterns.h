@@ -4,8 +4,7 @@
 
 #include <string>
 
-namespace qor {
-namespace test {
+namespace qor::test {
 
 // `text` as a regular expression that matches exactly that text.
 inline std::string literal(const std::string& text)
@@ -28,7 +27,6 @@ inline std::string assertionFailure(const std::string& expression)
     return literal("Assertion `" + expression + "' failed");
 }
 
-} // namespace test
-} // namespace qor
+} // namespace qor::test
 
 #endif

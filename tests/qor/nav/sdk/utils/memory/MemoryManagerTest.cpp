@@ -14,11 +14,7 @@
 #include <thread>
 #include <vector>
 
-namespace qor {
-namespace nav {
-namespace sdk {
-namespace utils {
-namespace memory {
+namespace qor::nav::sdk::utils::memory {
 namespace {
 
 using common::logging::Logger;
@@ -30,8 +26,7 @@ using Texts = std::vector<std::string>;
 
 const char* const s_LoggerName = "qor.nav.sdk.utils.memory.MemoryManager";
 
-// A budget of 100 chunks, so that chunks in use read as percent, with one
-// recording listener.
+// 100 chunks: chunks in use read as percent.
 class MemoryManagerTest : public ::testing::Test
 {
 protected:
@@ -220,20 +215,11 @@ TEST_F(MemoryManagerTest, ConcurrentRequestersEndBalancedWithAConsistentStatusHi
 {
     Logger::setThreshold(s_LoggerName, LogLevel::Warning); // thousands of registrations
     constexpr int s_Requesters = 3;
-    std::atomic<int> started{0};
     std::atomic<int> finished{0};
-    auto startTogether = [&] {
-        started.fetch_add(1);
-        while (started.load() < s_Requesters + 1)
-        {
-            std::this_thread::yield();
-        }
-    };
     std::vector<std::thread> threads;
     for (int t = 0; t < s_Requesters; ++t)
     {
         threads.emplace_back([&, t] {
-            startTogether();
             for (int i = 0; i < 5000; ++i)
             {
                 const unsigned long count = 1 + static_cast<unsigned long>((i * 7 + t * 13) % 40);
@@ -245,16 +231,13 @@ TEST_F(MemoryManagerTest, ConcurrentRequestersEndBalancedWithAConsistentStatusHi
             finished.fetch_add(1);
         });
     }
-    threads.emplace_back([&] { // reads the lock-free getters, registers and unregisters a listener
-        startTogether();
-        RecordingMemoryListener visitor;
-        while (finished.load() < s_Requesters)
-        {
-            RecordingMemoryListener::Registration visit(m_Manager, visitor);
-            EXPECT_LE(m_Manager.getMemoryStatus(), Critical);
-            EXPECT_LE(m_Manager.getMemoryConsumption(), 1.0f);
-        }
-    });
+    RecordingMemoryListener visitor; // registers and reads the lock-free getters meanwhile
+    while (finished.load() < s_Requesters)
+    {
+        RecordingMemoryListener::Registration visit(m_Manager, visitor);
+        EXPECT_LE(m_Manager.getMemoryStatus(), Critical);
+        EXPECT_LE(m_Manager.getMemoryConsumption(), 1.0f);
+    }
     for (std::thread& thread : threads)
     {
         thread.join();
@@ -271,73 +254,26 @@ TEST_F(MemoryManagerTest, ConcurrentRequestersEndBalancedWithAConsistentStatusHi
     EXPECT_EQ(Critical, level);
 }
 
-// The level as the thresholds define it, computed step by step in single
-// precision: the reference for the manager, which decides most changes
-// without comparing floats.
-class ReferenceLevel
-{
-public:
-    explicit ReferenceLevel(std::uint64_t maxChunks) : m_MaxChunks(maxChunks) {}
-
-    float consumptionOf(std::uint64_t inUse) const
-    {
-        return static_cast<float>(inUse) / static_cast<float>(m_MaxChunks);
-    }
-
-    // Moves to `inUse` chunks in use; returns the (new, old) pair a listener
-    // hears, or nothing when the level stays.
-    std::vector<RecordingMemoryListener::Notification> moveTo(std::uint64_t inUse)
-    {
-        static const float rising[] = {0.70f, 0.89f, 0.98f};
-        static const float falling[] = {0.0f, 0.65f, 0.85f, 0.95f};
-        const float c = consumptionOf(inUse);
-        const MemoryStatus old = m_Level;
-        unsigned s = old;
-        while (s < 3 && c > rising[s])
-        {
-            ++s;
-        }
-        while (s > 0 && c < falling[s])
-        {
-            --s;
-        }
-        m_Level = static_cast<MemoryStatus>(s);
-        if (m_Level == old)
-        {
-            return {};
-        }
-        return {{m_Level, old}};
-    }
-
-    MemoryStatus level() const { return m_Level; }
-
-private:
-    std::uint64_t m_MaxChunks;
-    MemoryStatus m_Level = Normal;
-};
-
-// Drives a manager of `maxChunks` chunks through `targets` (chunks in use,
-// reached by one request or return each) and checks every call against the
-// reference: granted or refused, level, consumption and notifications.
+// Drives a manager of `maxChunks` chunks through `targets` (chunks in use, one
+// request or return each) against a reference that applies the thresholds in
+// single precision: granted or refused, level, consumption and notifications.
 void expectLevelsAlong(std::uint64_t maxChunks, const std::vector<std::uint64_t>& targets)
 {
+    static const float rising[] = {0.70f, 0.89f, 0.98f};
+    static const float falling[] = {0.0f, 0.65f, 0.85f, 0.95f};
     MemoryManager manager(static_cast<unsigned long>(maxChunks << 12));
     RecordingMemoryListener listener;
     RecordingMemoryListener::Registration registration(manager, listener);
-    ReferenceLevel reference(maxChunks);
+    unsigned level = Normal;
     std::uint64_t inUse = 0;
     for (const std::uint64_t target : targets)
     {
-        // Formatted only when an assertion fails: the walks make many calls.
-        const auto where = [&] {
-            return ::testing::Message() << maxChunks << " chunks, from " << inUse << " to " << target << " in use";
-        };
+        const auto where = [&] { return ::testing::Message() << maxChunks << " chunks, " << inUse << " -> " << target; };
         listener.clear();
         if (target >= inUse)
         {
-            const bool grantable = reference.level() != Critical;
-            ASSERT_EQ(grantable, manager.requestChunks(static_cast<unsigned long>(target - inUse))) << where();
-            if (!grantable)
+            ASSERT_EQ(level != Critical, manager.requestChunks(static_cast<unsigned long>(target - inUse))) << where();
+            if (level == Critical)
             {
                 ASSERT_TRUE(listener.notifications().empty()) << where();
                 continue;
@@ -347,11 +283,25 @@ void expectLevelsAlong(std::uint64_t maxChunks, const std::vector<std::uint64_t>
         {
             manager.returnChunks(static_cast<unsigned long>(inUse - target));
         }
-        const std::vector<RecordingMemoryListener::Notification> expected = reference.moveTo(target);
-        ASSERT_EQ(expected, listener.notifications()) << where();
         inUse = target;
-        ASSERT_EQ(reference.level(), manager.getMemoryStatus()) << where();
-        ASSERT_EQ(reference.consumptionOf(inUse), manager.getMemoryConsumption()) << where();
+        const float consumption = static_cast<float>(inUse) / static_cast<float>(maxChunks);
+        const unsigned old = level;
+        while (level < 3 && consumption > rising[level])
+        {
+            ++level;
+        }
+        while (level > 0 && consumption < falling[level])
+        {
+            --level;
+        }
+        Notifications expected;
+        if (level != old)
+        {
+            expected.push_back({static_cast<MemoryStatus>(level), static_cast<MemoryStatus>(old)});
+        }
+        ASSERT_EQ(expected, listener.notifications()) << where();
+        ASSERT_EQ(static_cast<MemoryStatus>(level), manager.getMemoryStatus()) << where();
+        ASSERT_EQ(consumption, manager.getMemoryConsumption()) << where();
     }
 }
 
@@ -372,19 +322,13 @@ TEST(MemoryManagerLevelsTest, EveryCountInUseGetsTheLevelOfTheThresholds)
         }
         expectLevelsAlong(maxChunks, targets);
     }
-}
-
-TEST(MemoryManagerLevelsTest, JumpsAroundEachThresholdOfLargeBudgets)
-{
-    // Budgets beyond the float's 24-bit mantissa, where neighbouring counts
-    // share a consumption: every count near a threshold, reached by jumps up
-    // from empty and down from full.
-    const float thresholds[] = {0.65f, 0.70f, 0.85f, 0.89f, 0.95f, 0.98f};
+    // Budgets beyond the float's mantissa, where neighbouring counts share a
+    // consumption: jumps to every count near a threshold from empty and full.
     for (const std::uint64_t maxChunks :
          {std::uint64_t{1} << 24, (std::uint64_t{1} << 30) + 3, std::uint64_t{0xFFFFFFFFFFFFFFFFu} >> 12})
     {
         std::vector<std::uint64_t> targets;
-        for (const float threshold : thresholds)
+        for (const float threshold : {0.65f, 0.70f, 0.85f, 0.89f, 0.95f, 0.98f})
         {
             const auto middle = static_cast<std::uint64_t>(static_cast<double>(threshold) * static_cast<double>(maxChunks));
             for (std::uint64_t k = middle - 300; k <= middle + 300; k += 3)
@@ -418,8 +362,4 @@ TEST_F(MemoryManagerDeathTest, ListenerRegisteredTwiceOrNotAtAllFailsTheListAsse
 }
 
 } // namespace
-} // namespace memory
-} // namespace utils
-} // namespace sdk
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::sdk::utils::memory

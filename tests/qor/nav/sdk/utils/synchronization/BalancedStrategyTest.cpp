@@ -40,28 +40,31 @@ std::string failure(const std::function<void()>& call)
 class BalancedStrategyTest : public ::testing::Test
 {
 protected:
-    // Adds timed records {id, delay} within one tick (retrying until the
-    // counter held still) and returns that tick.
-    std::uint32_t addWithinOneTick(const std::vector<std::pair<unsigned long, long>>& records)
+    // Runs `fill` on a fresh strategy until the tick counter held still
+    // during it and returns that tick.
+    std::uint32_t withinOneTick(const std::function<void(BalancedStrategy&)>& fill)
     {
         for (int attempt = 0; attempt < 1000; ++attempt)
         {
+            m_Strategy = std::make_unique<BalancedStrategy>();
             const std::uint32_t before = Clock::getTickCounter();
-            for (const auto& r : records)
-            {
-                m_Strategy.addFunctionExecution(record(r.first), Duration(r.second));
-            }
+            fill(*m_Strategy);
             if (Clock::getTickCounter() == before)
             {
                 return before;
             }
-            for (const auto& r : records)
-            {
-                m_Strategy.removeFunctionExecution(FunctionExecutionId(r.first));
-            }
         }
         ADD_FAILURE() << "the tick counter never held still";
         return 0;
+    }
+    std::uint32_t addWithinOneTick(const std::vector<std::pair<unsigned long, long>>& records)
+    {
+        return withinOneTick([&](BalancedStrategy& strategy) {
+            for (const auto& r : records)
+            {
+                strategy.addFunctionExecution(record(r.first), Duration(r.second));
+            }
+        });
     }
 
     std::vector<unsigned long> take(int count)
@@ -69,23 +72,23 @@ protected:
         std::vector<unsigned long> ids;
         while (count-- > 0)
         {
-            ids.push_back(m_Strategy.getNextFunctionExecution().id.getValue());
+            ids.push_back(m_Strategy->getNextFunctionExecution().id.getValue());
         }
         return ids;
     }
 
     qor::test::ScopedTickCounter m_Ticks;
-    BalancedStrategy m_Strategy;
+    std::unique_ptr<BalancedStrategy> m_Strategy = std::make_unique<BalancedStrategy>();
 };
 
 TEST_F(BalancedStrategyTest, EmptyQueuesThrowTheirMessages)
 {
-    EXPECT_TRUE(m_Strategy.empty());
-    EXPECT_FALSE(m_Strategy.hasPendingFunctionExecutions());
-    EXPECT_EQ(0u, m_Strategy.getTimeToNextFunctionExecution());
-    EXPECT_EQ("No pending functionExecutions", failure([&] { m_Strategy.getNextFunctionExecution(); }));
-    EXPECT_EQ("Queue is empty", failure([&] { m_Strategy.getNextTimedFunctionExecution(); }));
-    EXPECT_EQ("Queue is empty", failure([&] { m_Strategy.getNextUntimedFunctionExecution(); }));
+    EXPECT_TRUE(m_Strategy->empty());
+    EXPECT_FALSE(m_Strategy->hasPendingFunctionExecutions());
+    EXPECT_EQ(0u, m_Strategy->getTimeToNextFunctionExecution());
+    EXPECT_EQ("No pending functionExecutions", failure([&] { m_Strategy->getNextFunctionExecution(); }));
+    EXPECT_EQ("Queue is empty", failure([&] { m_Strategy->getNextTimedFunctionExecution(); }));
+    EXPECT_EQ("Queue is empty", failure([&] { m_Strategy->getNextUntimedFunctionExecution(); }));
 }
 
 TEST_F(BalancedStrategyTest, DueTestIsWrapAwareAndEqualityIsDue)
@@ -93,30 +96,30 @@ TEST_F(BalancedStrategyTest, DueTestIsWrapAwareAndEqualityIsDue)
     m_Ticks.placeAt(kBeforeWrap);
     const std::uint32_t due = addWithinOneTick({{1, 1500}}) + 1500u; // beyond the wrap
     ASSERT_LT(due, 1000u);
-    EXPECT_FALSE(m_Strategy.hasPendingTimedFunctionExecution(0xFFFFFFFFu)); // an unsigned '>=' says due
-    EXPECT_FALSE(m_Strategy.hasPendingTimedFunctionExecution(due - 1u));
-    EXPECT_TRUE(m_Strategy.hasPendingTimedFunctionExecution(due));
-    EXPECT_TRUE(m_Strategy.hasPendingTimedFunctionExecution(due + 0x7FFFFFFFu));
-    EXPECT_FALSE(m_Strategy.hasPendingTimedFunctionExecution(due + 0x80000000u));
+    EXPECT_FALSE(m_Strategy->hasPendingTimedFunctionExecution(0xFFFFFFFFu)); // an unsigned '>=' says due
+    EXPECT_FALSE(m_Strategy->hasPendingTimedFunctionExecution(due - 1u));
+    EXPECT_TRUE(m_Strategy->hasPendingTimedFunctionExecution(due));
+    EXPECT_TRUE(m_Strategy->hasPendingTimedFunctionExecution(due + 0x7FFFFFFFu));
+    EXPECT_FALSE(m_Strategy->hasPendingTimedFunctionExecution(due + 0x80000000u));
 }
 
 TEST_F(BalancedStrategyTest, TimedRecordsWaitAndComeOutInTickOrderAcrossTheWrap)
 {
     m_Ticks.placeAt(kBeforeWrap);
-    m_Strategy.addFunctionExecution(record(1), Duration(3000));
-    m_Strategy.addFunctionExecution(record(2), Duration(500));
-    m_Strategy.addFunctionExecution(record(3), Duration(1500));
-    m_Strategy.addFunctionExecution(record(4), Duration(4294967296L + 100000L)); // low 32 bits: 100000
+    m_Strategy->addFunctionExecution(record(1), Duration(3000));
+    m_Strategy->addFunctionExecution(record(2), Duration(500));
+    m_Strategy->addFunctionExecution(record(3), Duration(1500));
+    m_Strategy->addFunctionExecution(record(4), Duration(4294967296L + 100000L)); // low 32 bits: 100000
 
-    EXPECT_FALSE(m_Strategy.empty());
-    EXPECT_FALSE(m_Strategy.hasPendingFunctionExecutions());
-    EXPECT_LE(m_Strategy.getTimeToNextFunctionExecution(), 500u);
-    EXPECT_EQ("No pending functionExecutions", failure([&] { m_Strategy.getNextFunctionExecution(); }));
+    EXPECT_FALSE(m_Strategy->empty());
+    EXPECT_FALSE(m_Strategy->hasPendingFunctionExecutions());
+    EXPECT_LE(m_Strategy->getTimeToNextFunctionExecution(), 500u);
+    EXPECT_EQ("No pending functionExecutions", failure([&] { m_Strategy->getNextFunctionExecution(); }));
 
     m_Ticks.advance(10000);
-    EXPECT_EQ(0u, m_Strategy.getTimeToNextFunctionExecution());
+    EXPECT_EQ(0u, m_Strategy->getTimeToNextFunctionExecution());
     EXPECT_EQ((std::vector<unsigned long>{2, 3, 1}), take(3));
-    EXPECT_GT(m_Strategy.getTimeToNextFunctionExecution(), 80000u);
+    EXPECT_GT(m_Strategy->getTimeToNextFunctionExecution(), 80000u);
 }
 
 TEST_F(BalancedStrategyTest, EqualDueTicksComeOutNewestFirst)
@@ -124,55 +127,43 @@ TEST_F(BalancedStrategyTest, EqualDueTicksComeOutNewestFirst)
     addWithinOneTick({{1, 20}, {2, 10}, {3, 20}, {4, 20}});
     m_Ticks.advance(1000);
     EXPECT_EQ((std::vector<unsigned long>{2, 4, 3, 1}), take(4));
-}
 
-// Removing every record of the latest due tick makes an earlier tick the
-// latest; a record added with that tick still goes in front of its equals.
-TEST_F(BalancedStrategyTest, EqualDueTicksStayNewestFirstAfterTheLatestTickIsRemoved)
-{
-    for (int attempt = 0; attempt < 1000; ++attempt)
-    {
-        BalancedStrategy strategy;
-        const std::uint32_t before = Clock::getTickCounter();
+    // Removing every record of the latest due tick makes an earlier tick the
+    // latest; a record added with that tick still goes in front of its equals.
+    withinOneTick([](BalancedStrategy& strategy) {
         strategy.addFunctionExecution(record(1), Duration(10));
         strategy.addFunctionExecution(record(2), Duration(20));
         strategy.removeFunctionExecution(FunctionExecutionId(2));
         strategy.addFunctionExecution(record(3), Duration(10));
-        if (Clock::getTickCounter() != before)
-        {
-            continue; // the due ticks may differ: try again
-        }
-        EXPECT_EQ(3u, strategy.getNextTimedFunctionExecution().id.getValue());
-        EXPECT_EQ(1u, strategy.getNextTimedFunctionExecution().id.getValue());
-        return;
-    }
-    FAIL() << "the tick counter never held still";
+    });
+    EXPECT_EQ(3u, m_Strategy->getNextTimedFunctionExecution().id.getValue());
+    EXPECT_EQ(1u, m_Strategy->getNextTimedFunctionExecution().id.getValue());
 }
 
 TEST_F(BalancedStrategyTest, AskingOrderAlternatesAfterEverySuccessfulPick)
 {
     for (unsigned long id : {11ul, 12ul, 13ul})
     {
-        m_Strategy.addFunctionExecution(record(id));
+        m_Strategy->addFunctionExecution(record(id));
     }
-    m_Strategy.addFunctionExecution(record(1), Duration(-300)); // negative: due at once
-    m_Strategy.addFunctionExecution(record(2), Duration(-200));
-    m_Strategy.addFunctionExecution(record(3), Duration(-100));
+    m_Strategy->addFunctionExecution(record(1), Duration(-300)); // negative: due at once
+    m_Strategy->addFunctionExecution(record(2), Duration(-200));
+    m_Strategy->addFunctionExecution(record(3), Duration(-100));
     EXPECT_EQ((std::vector<unsigned long>{1, 11, 2, 12, 3, 13}), take(6));
 
     // Untimed-only picks flip the order too (three: untimed is asked first
     // next); a failed pick leaves it alone.
     for (unsigned long id : {14ul, 15ul, 16ul})
     {
-        m_Strategy.addFunctionExecution(record(id));
+        m_Strategy->addFunctionExecution(record(id));
     }
     EXPECT_EQ((std::vector<unsigned long>{14, 15, 16}), take(3));
-    EXPECT_EQ("No pending functionExecutions", failure([&] { m_Strategy.getNextFunctionExecution(); }));
-    m_Strategy.addFunctionExecution(record(4), Duration(-10));
-    m_Strategy.addFunctionExecution(record(17));
-    m_Strategy.addFunctionExecution(record(5), Duration(100000)); // not due: never picked
+    EXPECT_EQ("No pending functionExecutions", failure([&] { m_Strategy->getNextFunctionExecution(); }));
+    m_Strategy->addFunctionExecution(record(4), Duration(-10));
+    m_Strategy->addFunctionExecution(record(17));
+    m_Strategy->addFunctionExecution(record(5), Duration(100000)); // not due: never picked
     EXPECT_EQ((std::vector<unsigned long>{17, 4}), take(2));
-    EXPECT_FALSE(m_Strategy.hasPendingFunctionExecutions());
+    EXPECT_FALSE(m_Strategy->hasPendingFunctionExecutions());
 }
 
 TEST_F(BalancedStrategyTest, RemoveDropsEveryMatchingRecordAndReleasesFunctions)
@@ -199,41 +190,28 @@ TEST_F(BalancedStrategyTest, RemoveDropsEveryMatchingRecordAndReleasesFunctions)
     EXPECT_EQ(1, kept.function.use_count()); // destruction released both
 }
 
-// The timed queue's order must be the one a plain search from the front gives
-// (in front of the first record that is not earlier, so equal ticks come out
+// The timed queue's order must be that of a plain search from the front (in
+// front of the first record that is not earlier, so equal ticks come out
 // newest first), whatever mix of ticks, wrap-arounds, hand-outs and removals
-// led to it. The model below is that search, on a vector.
-class TimedOrderModel
-{
-public:
-    void add(unsigned long id, std::uint32_t due)
-    {
-        auto position = m_Records.begin();
-        while (position != m_Records.end() && static_cast<std::uint32_t>(position->second - due) >= 0x80000000u)
-        {
-            ++position;
-        }
-        m_Records.insert(position, {id, due});
-    }
-    void remove(unsigned long id)
-    {
-        m_Records.erase(std::remove_if(m_Records.begin(), m_Records.end(),
-                                       [id](const std::pair<unsigned long, std::uint32_t>& r) { return r.first == id; }),
-                        m_Records.end());
-    }
-    unsigned long popFront()
-    {
-        const unsigned long id = m_Records.front().first;
-        m_Records.erase(m_Records.begin());
-        return id;
-    }
-    bool empty() const { return m_Records.empty(); }
-    std::size_t size() const { return m_Records.size(); }
-    unsigned long idAt(std::size_t index) const { return m_Records[index].first; }
+// led to it. The model is that search on a vector of {id, due tick}.
+using TimedOrderModel = std::vector<std::pair<unsigned long, std::uint32_t>>;
 
-private:
-    std::vector<std::pair<unsigned long, std::uint32_t>> m_Records;
-};
+void addTo(TimedOrderModel& model, unsigned long id, std::uint32_t due)
+{
+    auto position = model.begin();
+    while (position != model.end() && static_cast<std::uint32_t>(position->second - due) >= 0x80000000u)
+    {
+        ++position;
+    }
+    model.insert(position, {id, due});
+}
+
+unsigned long popFront(TimedOrderModel& model)
+{
+    const unsigned long id = model.front().first;
+    model.erase(model.begin());
+    return id;
+}
 
 TEST_F(BalancedStrategyTest, TimedOrderIsTheFrontSearchOrderForAnyMixOfTicks)
 {
@@ -290,7 +268,7 @@ TEST_F(BalancedStrategyTest, TimedOrderIsTheFrontSearchOrderForAnyMixOfTicks)
                 strategy.addFunctionExecution(record(id), Duration(delay));
                 if (Clock::getTickCounter() == before)
                 {
-                    model.add(id, before + static_cast<std::uint32_t>(delay));
+                    addTo(model, id, before + static_cast<std::uint32_t>(delay));
                 }
                 else
                 {
@@ -299,20 +277,20 @@ TEST_F(BalancedStrategyTest, TimedOrderIsTheFrontSearchOrderForAnyMixOfTicks)
             }
             else if (action < (scenario.fixedTicks ? 6 : 9))
             {
-                ASSERT_EQ(model.popFront(), strategy.getNextTimedFunctionExecution().id.getValue()) << "step " << step;
+                ASSERT_EQ(popFront(model), strategy.getNextTimedFunctionExecution().id.getValue()) << "step " << step;
             }
             else
             {
                 const std::size_t index =
                     scenario.fixedTicks ? model.size() - 1 : static_cast<std::size_t>(random()) % model.size();
-                const unsigned long id = model.idAt(index);
-                model.remove(id);
+                const unsigned long id = model[index].first;
+                model.erase(model.begin() + static_cast<long>(index));
                 strategy.removeFunctionExecution(FunctionExecutionId(id));
             }
         }
         while (!model.empty())
         {
-            ASSERT_EQ(model.popFront(), strategy.getNextTimedFunctionExecution().id.getValue());
+            ASSERT_EQ(popFront(model), strategy.getNextTimedFunctionExecution().id.getValue());
         }
         EXPECT_TRUE(strategy.empty());
     }
@@ -320,33 +298,29 @@ TEST_F(BalancedStrategyTest, TimedOrderIsTheFrontSearchOrderForAnyMixOfTicks)
 
 TEST_F(BalancedStrategyTest, HandedOutRecordsLeaveNoFunctionReferenceBehind)
 {
-    // Queues are refilled from the nodes of handed-out records; those must
-    // not keep the Functions they carried alive.
+    // Queues reuse the nodes of handed-out records; those must not keep the
+    // Functions they carried alive.
     const auto function = std::make_shared<qor::test::CountingFunction>();
     for (int round = 0; round < 3; ++round)
     {
         for (unsigned long id = 1; id <= 300; ++id)
         {
-            m_Strategy.addFunctionExecution(FunctionExecution{FunctionExecutionId(id), function, 0u});
-            m_Strategy.addFunctionExecution(FunctionExecution{FunctionExecutionId(id + 1000), function, 0u},
+            m_Strategy->addFunctionExecution(FunctionExecution{FunctionExecutionId(id), function, 0u});
+            m_Strategy->addFunctionExecution(FunctionExecution{FunctionExecutionId(id + 1000), function, 0u},
                                             Duration(-1));
         }
         EXPECT_EQ(601, function.use_count());
-        std::vector<unsigned long> untimed;
-        std::vector<unsigned long> timed;
+        std::vector<unsigned long> ids;
         for (int i = 0; i < 600; ++i)
         {
-            const unsigned long id = m_Strategy.getNextFunctionExecution().id.getValue();
-            (id > 1000 ? timed : untimed).push_back(id);
+            ids.push_back(m_Strategy->getNextFunctionExecution().id.getValue());
         }
-        EXPECT_TRUE(m_Strategy.empty());
-        ASSERT_EQ(300u, untimed.size());
-        ASSERT_EQ(300u, timed.size());
-        std::sort(timed.begin(), timed.end()); // equal ticks come out newest first
+        EXPECT_TRUE(m_Strategy->empty());
+        std::sort(ids.begin(), ids.end());
         for (unsigned long id = 1; id <= 300; ++id)
         {
-            EXPECT_EQ(id, untimed[id - 1]);
-            EXPECT_EQ(id + 1000, timed[id - 1]);
+            ASSERT_EQ(id, ids[id - 1]);
+            ASSERT_EQ(id + 1000, ids[id + 299]);
         }
         EXPECT_EQ(1, function.use_count());
     }

@@ -9,13 +9,7 @@
 #include <sstream>
 #include <string>
 
-namespace qor {
-namespace nav {
-namespace sdk {
-namespace utils {
-namespace memory {
-namespace allocator {
-namespace policy {
+namespace qor::nav::sdk::utils::memory::allocator::policy {
 namespace {
 
 using test::assertionFailure;
@@ -134,10 +128,4 @@ TEST_F(CheckForBufferOverflowDeathTest, CallerPointerOffTheRequestedAlignmentFai
 }
 
 } // namespace
-} // namespace policy
-} // namespace allocator
-} // namespace memory
-} // namespace utils
-} // namespace sdk
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::sdk::utils::memory::allocator::policy

@@ -4,13 +4,7 @@
 
 #include <type_traits>
 
-namespace qor {
-namespace nav {
-namespace sdk {
-namespace utils {
-namespace memory {
-namespace allocator {
-namespace policy {
+namespace qor::nav::sdk::utils::memory::allocator::policy {
 namespace {
 
 static_assert(std::is_empty<NoMultiThreading>::value && std::is_empty<NoMultiThreading::Guard>::value,
@@ -26,10 +20,4 @@ TEST(NoMultiThreadingTest, NestedLocksOnOneThreadDoNotBlock)
 }
 
 } // namespace
-} // namespace policy
-} // namespace allocator
-} // namespace memory
-} // namespace utils
-} // namespace sdk
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::sdk::utils::memory::allocator::policy

@@ -2,13 +2,7 @@
 
 #include <gtest/gtest.h>
 
-namespace qor {
-namespace nav {
-namespace sdk {
-namespace utils {
-namespace memory {
-namespace allocator {
-namespace policy {
+namespace qor::nav::sdk::utils::memory::allocator::policy {
 namespace {
 
 TEST(NullptrOnErrorTest, FailedAllocationYieldsNullAndDeallocationToleratesAnyPointer)
@@ -24,10 +18,4 @@ TEST(NullptrOnErrorTest, FailedAllocationYieldsNullAndDeallocationToleratesAnyPo
 }
 
 } // namespace
-} // namespace policy
-} // namespace allocator
-} // namespace memory
-} // namespace utils
-} // namespace sdk
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::sdk::utils::memory::allocator::policy
