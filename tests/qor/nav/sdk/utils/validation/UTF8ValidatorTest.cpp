@@ -232,65 +232,32 @@ testing::AssertionResult allAgree(const std::string& bytes)
                                        << " bytes: " << hex(bytes);
 }
 
-// Every length up to 40, then each side of every 16-byte step up to 200: a
-// bad byte lands at, before and after the edges of 8- to 64-byte blocks and
-// in the scalar tail.
-std::vector<std::size_t> lengthsAroundBlockEdges()
-{
-    std::vector<std::size_t> lengths = {200};
-    for (std::size_t n = 0; n <= 40; ++n)
-    {
-        lengths.push_back(n);
-    }
-    for (std::size_t edge = 48; edge <= 192; edge += 16)
-    {
-        lengths.insert(lengths.end(), {edge - 1, edge, edge + 1});
-    }
-    return lengths;
-}
-
-TEST(UTF8ValidatorTest, ValidatorsAgreeOnSequencesPlacedAtEveryOffsetOfAsciiText)
+// Well-formed texts (ASCII of lengths around the edges of 8- to 64-byte
+// blocks and the scalar tail; about 200 bytes cycling through characters of every length, edge values included,
+// after 0-3 ASCII bytes) cut, erased, overwritten and with a sequence or a
+// prefix of one inserted at every offset.
+TEST(UTF8ValidatorTest, ValidatorsAgreeOnTextBrokenAtEveryOffset)
 {
     const std::vector<std::string> inserts = {
-        "\x80", "\xBF", "\xC0", "\xC1", "\xC2", "\xE0", "\xED", "\xF0", "\xF4", "\xF5", "\xFF",     // bad alone
-        "\xC3\xA4", "\xE2\x82\xAC", "\xF0\x9F\x98\x80",                                             // good
-        "\xE0\x9F\xBF", "\xED\xA0\x80", "\xF0\x8F\xBF\xBF", "\xF4\x90\x80\x80", "\xE2\x82",         // bad
+        "\x80", "\xBF", "\xC0", "\xC1", "\xC2", "\xE0", "\xED", "\xF0", "\xF4", "\xF5", "\xFF",  // bad alone
+        "\xC3\xA4", "\xE2\x82\xAC", "\xF0\x9F\x98\x80",                                          // good
+        "\xE0\x9F\xBF", "\xED\xA0\x80", "\xF0\x8F\xBF\xBF", "\xF4\x90\x80\x80",                   // bad
     };
-    for (const std::size_t length : lengthsAroundBlockEdges())
-    {
-        const std::string ascii(length, 'a');
-        ASSERT_TRUE(allAgree(ascii));
-        for (const std::string& insert : inserts)
-        {
-            for (std::size_t keep = 1; keep < insert.size(); ++keep) // cut short at the end
-            {
-                ASSERT_FALSE(valid(ascii + insert.substr(0, keep)));
-                ASSERT_TRUE(allAgree(ascii + insert.substr(0, keep)));
-            }
-            for (std::size_t at = 0; at <= length; ++at)
-            {
-                ASSERT_TRUE(allAgree(std::string(ascii).insert(at, insert)));
-            }
-        }
-        for (std::size_t at = 0; at < length; ++at) // one byte turned non-ASCII
-        {
-            std::string flipped = ascii;
-            flipped[at] = static_cast<char>(0x80 | flipped[at]);
-            ASSERT_FALSE(valid(flipped));
-            ASSERT_TRUE(allAgree(flipped));
-        }
-    }
-}
-
-TEST(UTF8ValidatorTest, ValidatorsAgreeOnBrokenMultiByteTextAtEveryOffset)
-{
-    // About 200 bytes cycling through characters of every length, edge values
-    // included, after 0-3 ASCII bytes so they straddle block edges everywhere.
     const std::vector<std::string> characters = {
         "a", "\xC3\xA4", "\xE2\x82\xAC", "\xF0\x9F\x98\x80", "\xED\x9F\xBF", "\xF4\x8F\xBF\xBF",
         "\xE0\xA0\x80", "\xF0\x90\x80\x80", "\xDF\xBF", "\xEF\xBF\xBF", "\xF3\xBF\xBF\xBF", "\x7F",
     };
-    const std::string badBytes("\x00\x41\x80\x8F\x90\x9F\xA0\xBF\xC0\xC2\xDF\xE0\xED\xEF\xF0\xF4\xF5\xFF", 18);
+    const std::string badBytes("\x00\x41\x80\x8F\x90\x9F\xA0\xBF\xC0\xC2\xDF\xE0\xE1\xED\xEF\xF0\xF4\xF5\xFF", 19);
+    // ASCII of every length up to 40, then each side of every 16-byte step.
+    std::vector<std::string> texts = {std::string(200, 'a')};
+    for (std::size_t n = 0; n <= 40; ++n)
+    {
+        texts.emplace_back(n, 'a');
+    }
+    for (std::size_t edge = 48; edge <= 192; edge += 16)
+    {
+        texts.insert(texts.end(), {std::string(edge - 1, 'a'), std::string(edge, 'a'), std::string(edge + 1, 'a')});
+    }
     for (std::size_t shift = 0; shift < 4; ++shift)
     {
         std::string text(shift, 'x');
@@ -298,18 +265,26 @@ TEST(UTF8ValidatorTest, ValidatorsAgreeOnBrokenMultiByteTextAtEveryOffset)
         {
             text += characters[i % characters.size()];
         }
-        SCOPED_TRACE("shift " + std::to_string(shift));
+        texts.push_back(text);
+    }
+    for (const std::string& text : texts)
+    {
         ASSERT_TRUE(valid(text));
         ASSERT_TRUE(allAgree(text));
-        for (std::size_t at = 0; at < text.size(); ++at)
+        for (std::size_t at = 0; at <= text.size(); ++at)
         {
             ASSERT_TRUE(allAgree(text.substr(0, at)));
-            ASSERT_TRUE(allAgree(std::string(text).erase(at, 1)));
-            for (const char bad : badBytes)
+            for (const std::string& insert : inserts)
             {
-                std::string overwritten = text;
-                overwritten[at] = bad;
-                ASSERT_TRUE(allAgree(overwritten));
+                for (std::size_t keep = 1; keep <= insert.size(); ++keep)
+                {
+                    ASSERT_TRUE(allAgree(std::string(text).insert(at, insert, 0, keep)));
+                }
+            }
+            for (std::size_t i = 0; at < text.size() && i <= badBytes.size(); ++i)
+            {
+                std::string broken = text;
+                ASSERT_TRUE(allAgree(i == badBytes.size() ? broken.erase(at, 1) : broken.replace(at, 1, 1, badBytes[i])));
             }
         }
     }
@@ -405,8 +380,13 @@ std::string randomValidText(std::mt19937& random, int maxCharacters)
     return text;
 }
 
-TEST(UTF8ValidatorTest, ValidatorsAgreeOnRandomInput)
+TEST(UTF8ValidatorTest, ValidatorsAgreeAndRepairHoldsOnRandomInput)
 {
+    // Whatever comes before a pair, repair gives strict text without controls.
+    const auto repairsToStrictText = [](const std::string& bytes) {
+        const std::string fixed = repaired(bytes + "\xED\xA0\xBD\xED\xB8\x80");
+        return unicode(fixed) && withoutControls(fixed) && fixed.size() <= bytes.size() + 4;
+    };
     std::mt19937 random(20261122);
     std::uniform_int_distribution<int> byte(0, 255);
     // Uniform bytes are rarely valid past the first few; bytes drawn from the
@@ -421,12 +401,19 @@ TEST(UTF8ValidatorTest, ValidatorsAgreeOnRandomInput)
             b = i % 2 == 0 ? static_cast<char>(byte(random)) : edges[random() % edges.size()];
         }
         ASSERT_TRUE(allAgree(bytes));
+        ASSERT_TRUE(repairsToStrictText(bytes)) << hex(bytes);
     }
     for (int i = 0; i < 20000; ++i)
     {
         std::string text = randomValidText(random, 60);
         ASSERT_TRUE(valid(text)) << hex(text);
         ASSERT_TRUE(allAgree(text));
+        // Repair drops exactly the controls from well-formed text.
+        std::string stripped;
+        std::copy_if(text.begin(), text.end(), std::back_inserter(stripped),
+                     [](char c) { return static_cast<unsigned char>(c) > 0x1F; });
+        ASSERT_EQ(hex(repaired(stripped)), hex(stripped));
+        ASSERT_EQ(hex(repaired(text)), hex(stripped));
         // One to three mutations: overwrite, insert, erase or cut the end.
         for (int m = i % 3; m >= 0 && !text.empty(); --m)
         {
@@ -440,6 +427,7 @@ TEST(UTF8ValidatorTest, ValidatorsAgreeOnRandomInput)
             }
         }
         ASSERT_TRUE(allAgree(text));
+        ASSERT_TRUE(repairsToStrictText(text)) << hex(text);
     }
 }
 
@@ -463,30 +451,6 @@ TEST(UTF8ValidatorTest, RepairExamples)
     for (const auto& c : cases)
     {
         EXPECT_EQ(hex(repaired(std::get<1>(c))), hex(std::get<2>(c))) << std::get<0>(c);
-    }
-}
-
-TEST(UTF8ValidatorTest, RepairGivesStrictTextAndKeepsStrictTextWithoutControls)
-{
-    std::mt19937 random(42);
-    for (int i = 0; i < 5000; ++i)
-    {
-        const std::string text = randomValidText(random, 40);
-        std::string stripped;
-        std::copy_if(text.begin(), text.end(), std::back_inserter(stripped),
-                     [](char c) { return static_cast<unsigned char>(c) > 0x1F; });
-        ASSERT_EQ(hex(repaired(stripped)), hex(stripped));
-        ASSERT_EQ(hex(repaired(text)), hex(stripped));
-
-        std::string noise(static_cast<std::size_t>(i % 50), '\0');
-        for (char& b : noise)
-        {
-            b = static_cast<char>(random());
-        }
-        const std::string fixed = repaired(text + noise + "\xED\xA0\xBD\xED\xB8\x80");
-        ASSERT_TRUE(unicode(fixed)) << hex(text + noise);
-        ASSERT_TRUE(withoutControls(fixed)) << hex(fixed);
-        ASSERT_LE(fixed.size(), text.size() + noise.size() + 6);
     }
 }
 
