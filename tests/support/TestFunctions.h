@@ -1,4 +1,4 @@
-// Scheduler test doubles: Functions that count, throw and block, a strategy
+// Scheduler test doubles: Functions that count and block, a strategy
 // that records what it is given, and a guard that moves the tick counter.
 // Waits give up (return false) after a deadline instead of hanging a test.
 #ifndef QOR_TESTS_SUPPORT_TESTFUNCTIONS_H
@@ -58,22 +58,6 @@ private:
     mutable std::condition_variable m_Changed;
     int m_Started = 0;
     int m_Runs = 0;
-};
-
-// Throws std::runtime_error(message) on every run, or an int when `standard` is false.
-class ThrowingFunction : public CountingFunction
-{
-public:
-    explicit ThrowingFunction(const std::string& message, bool standard = true)
-        : CountingFunction([message, standard] {
-              if (standard)
-              {
-                  throw std::runtime_error(message);
-              }
-              throw 42;
-          })
-    {
-    }
 };
 
 // Opens `entered` and blocks in its first run until release(); later runs pass.

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -164,8 +165,8 @@ TEST_F(FunctionExecutionSchedulerImplTest, LoopRunsWorkAndSurvivesExceptions)
 {
     Worker worker("Loop", std::make_shared<BalancedStrategy>(), 0, 0);
     auto early = std::make_shared<CountingFunction>();
-    auto standard = std::make_shared<ThrowingFunction>("boom");
-    auto other = std::make_shared<ThrowingFunction>("", false);
+    auto standard = std::make_shared<CountingFunction>([] { throw std::runtime_error("boom"); });
+    auto other = std::make_shared<CountingFunction>([] { throw 42; });
     auto periodic = std::make_shared<CountingFunction>();
     worker.scheduleExecutionImmediately(early); // before start: waits
     worker.scheduleExecutionImmediately(nullptr);
