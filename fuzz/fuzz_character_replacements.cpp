@@ -16,9 +16,15 @@
 //     search text swapped for its replacement;
 //   - applyCharacterReplacements() keeps well-formed text well-formed and
 //     leaves x alone when no search text occurs in it.
+//
+// An input that starts with '|' instead brings its own table, any bytes:
+// "|from|to|from|to|...|text" (up to six entries), and replaceCharacters()
+// must give what the rule written out step by step gives, also where search
+// or replacement texts cannot be decoded.
 #include "qor/nav/sdk/utils/common/CharacterReplacements.h"
 
 #include "FuzzSupport.h"
+#include "support/ReplacementModel.h"
 #include "support/WellFormedUtf8.h"
 
 #include <algorithm>
@@ -130,8 +136,38 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
     return 0;
 }
 
+void checkAgainstTheRule(const std::uint8_t* data, std::size_t size)
+{
+    const std::vector<std::string> parts = qor::fuzz::splitInput(data, size, 14);
+    CharacterReplacements::ReplacementTable own;
+    std::size_t last = 1;
+    for (; last + 2 < parts.size() && !parts[last].empty(); last += 2)
+    {
+        own.emplace_back(parts[last], parts[last + 1]);
+    }
+    const Utf8String text(parts[last].substr(0, 256));
+    CharacterReplacements& instance = CharacterReplacements::getInstance();
+    instance.setCharacterReplacements({{CharacterReplacements::getReplacementLanguageId(), own}});
+    const CharacterReplacementResult actual = instance.replaceCharacters(text);
+    const CharacterReplacementResult expected = qor::test::replacedStepByStep(text, own);
+    instance.setCharacterReplacements({{CharacterReplacements::getReplacementLanguageId(), table()}});
+    QOR_FUZZ_CHECK(actual.text == expected.text);
+    QOR_FUZZ_CHECK(actual.replacements.size() == expected.replacements.size());
+    for (std::size_t i = 0; i < actual.replacements.size(); ++i)
+    {
+        const Replacement& a = actual.replacements[i];
+        const Replacement& e = expected.replacements[i];
+        QOR_FUZZ_CHECK(a.position == e.position && a.from == e.from && a.to == e.to);
+    }
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
+    if (size > 0 && data[0] == '|')
+    {
+        checkAgainstTheRule(data, size);
+        return 0;
+    }
     const std::string input(reinterpret_cast<const char*>(data), std::min<std::size_t>(size, 1024));
     checkReplaceCharacters(input);
     checkApplyCharacterReplacements(input);

@@ -128,6 +128,21 @@ inline std::vector<std::size_t> wellFormedCharacterOffsets(const std::string& by
     return offsets;
 }
 
+// Byte offsets of the characters of any `bytes`, followed by bytes.size(),
+// where a byte that starts no well-formed sequence is a character of its own.
+inline std::vector<std::size_t> characterOrByteOffsets(const std::string& bytes)
+{
+    std::vector<std::size_t> offsets;
+    for (std::size_t at = 0; at < bytes.size();)
+    {
+        offsets.push_back(at);
+        const std::size_t step = wellFormedSequenceAt(bytes, at);
+        at += step != 0 ? step : 1;
+    }
+    offsets.push_back(bytes.size());
+    return offsets;
+}
+
 } // namespace test
 } // namespace qor
 

@@ -13,14 +13,14 @@
 // sequence cut short at the end.
 //
 // Which operations throw InvalidArgumentException:
-//   - length(), find() and replace() decode this string and throw when its
-//     bytes are not well-formed UTF-8; find() also throws when the searched
-//     text is not. Callers that take text from outside catch it and skip the
-//     text (the character replacement table does).
+//   - length() and find() decode this string and throw when its bytes are
+//     not well-formed UTF-8; find() also throws when the searched text is
+//     not. Callers that take text from outside catch it and skip the text
+//     (the character replacement table does).
 //   - append(Utf8Char) throws for a value that is not a Unicode scalar value
 //     (a surrogate or anything above U+10FFFF).
-//   - size(), str(), replaceAll(), append(Utf8String), comparison and copying
-//     never throw it: they work on bytes only.
+//   - size(), str(), replace(), replaceAll(), append(Utf8String), comparison
+//     and copying never throw it.
 // Positions given to and returned by find() and replace() count characters
 // (code points), the unit of length(); size() counts bytes.
 //
@@ -92,9 +92,12 @@ public:
     std::size_t find(const Utf8String& what, std::size_t pos = 0) const;
 
     // Replaces, in place, `len` characters from character `pos` on (fewer
-    // when the string ends first) by the bytes of `with`. Throws
-    // InvalidArgumentException when this string is not well-formed or `pos`
-    // is past length(); the string is then unchanged. `with` is not checked.
+    // when the string ends first) by the bytes of `with`. Reads the string
+    // only up to the end of the replaced characters; there a byte that does
+    // not start a well-formed character counts as one character, so bytes
+    // that are not well-formed never make it throw. Throws std::out_of_range,
+    // leaving the string unchanged, when `pos` is past the end. `with` is not
+    // checked.
     Utf8String& replace(std::size_t pos, std::size_t len, const Utf8String& with);
 
     // Replaces, in place, every occurrence of `what` by `with`, left to right;

@@ -4,6 +4,7 @@
 #include "qor/common/types/utf8/ByteSearch.h"
 
 #include <cstring>
+#include <stdexcept>
 
 namespace qor {
 namespace common {
@@ -140,15 +141,32 @@ std::size_t Utf8String::find(const Utf8String& what, std::size_t pos) const
 
 Utf8String& Utf8String::replace(std::size_t pos, std::size_t len, const Utf8String& with)
 {
+    // Counts only as far as the replaced characters reach, so bytes after
+    // them are never read. A byte that does not start a well-formed
+    // character counts as one character: text put in by an earlier
+    // replacement that is not well-formed is then replaced byte by byte
+    // instead of making the call fail.
     const std::size_t end = len > npos - pos ? npos : pos + len;
-    const Scan here = scan(m_Bytes, pos, end);
-    if (pos > here.length)
+    const std::size_t size = m_Bytes.size();
+    std::size_t at = 0;
+    std::size_t count = 0;
+    for (; count < pos && at < size; ++count)
     {
-        throw InvalidArgumentException("Utf8String::replace: position " + std::to_string(pos) +
-                                       " is past the length " + std::to_string(here.length));
+        const std::size_t step = characterSize(m_Bytes, at);
+        at += step != 0 ? step : 1;
     }
-    const std::size_t endOffset = here.secondOffset == npos ? m_Bytes.size() : here.secondOffset;
-    m_Bytes.replace(here.firstOffset, endOffset - here.firstOffset, with.m_Bytes);
+    if (count < pos)
+    {
+        throw std::out_of_range("Utf8String::replace: position " + std::to_string(pos) + " is past the length " +
+                                std::to_string(count));
+    }
+    const std::size_t first = at;
+    for (; count < end && at < size; ++count)
+    {
+        const std::size_t step = characterSize(m_Bytes, at);
+        at += step != 0 ? step : 1;
+    }
+    m_Bytes.replace(first, at - first, with.m_Bytes);
     return *this;
 }
 

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <random>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -34,7 +35,7 @@ TEST(Utf8StringTest, HoldsExactlyItsBytesAndCountsCharacters)
     EXPECT_EQ(Utf8String(std::string("a\0b", 3)).length(), 3u);
 }
 
-TEST(Utf8StringTest, BytesThatAreNotWellFormedMakeLengthFindAndReplaceThrowButNotSize)
+TEST(Utf8StringTest, BytesThatAreNotWellFormedMakeLengthAndFindThrowButNotSizeOrReplace)
 {
     // Lone continuation, cut short, overlong '/' twice, surrogate, above
     // U+10FFFF, five-byte form, broken sequence.
@@ -47,10 +48,15 @@ TEST(Utf8StringTest, BytesThatAreNotWellFormedMakeLengthFindAndReplaceThrowButNo
         EXPECT_THROW(text.length(), InvalidArgumentException);
         EXPECT_THROW(text.find("A"), InvalidArgumentException);
         EXPECT_THROW(Utf8String("abc").find(text), InvalidArgumentException);
-        Utf8String copy = text;
-        EXPECT_THROW(copy.replace(0, 1, "x"), InvalidArgumentException);
-        EXPECT_EQ(copy, text);
+        // replace() counts a byte that starts no character as one.
+        Utf8String copy = "\xC3\xA4" + bytes;
+        copy.replace(1, 1, "x");
+        EXPECT_EQ(copy.str(), "\xC3\xA4x" + bytes.substr(1));
     }
+    // replace() reads only as far as it replaces.
+    Utf8String tail(std::string("a\xC3\xA4\xFF"));
+    tail.replace(0, 2, "c");
+    EXPECT_EQ(tail.str(), "c\xFF");
 }
 
 TEST(Utf8StringTest, FindCountsCharactersAndGivesAPositionBelowLengthOrNpos)
@@ -102,7 +108,7 @@ TEST(Utf8StringTest, ReplaceWorksOnCharacters)
         EXPECT_EQ(text.str(), c.result);
     }
     Utf8String past("ab");
-    EXPECT_THROW(past.replace(3, 1, "x"), InvalidArgumentException);
+    EXPECT_THROW(past.replace(3, 1, "x"), std::out_of_range);
     EXPECT_EQ(past.str(), "ab");
 }
 

@@ -125,10 +125,6 @@ public:
 private:
     static qor::common::logging::Logger& getLogger();
 
-    // The work of updateChunks() for callers that hold the chunk mutex and
-    // have checked the budget; defined inline in the implementation so that
-    // requestChunks() and returnChunks() pay no call for it.
-    void changeChunks(std::ptrdiff_t difference);
     // The full level computation over the thresholds, for a count in use
     // that leaves the current level's range.
     void recomputeStatus(float consumption);

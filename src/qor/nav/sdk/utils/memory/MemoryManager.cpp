@@ -147,7 +147,8 @@ float MemoryManager::getMemoryConsumption() const
 // chunk mutex. The consumption is stored on every change; the level is only
 // recomputed when the count in use leaves the current level's range, so a
 // change that keeps the level costs one division and two integer compares.
-inline void MemoryManager::changeChunks(std::ptrdiff_t difference)
+// The two checks stay here, so that a failure report names this function.
+void MemoryManager::updateChunks(std::ptrdiff_t difference)
 {
     assert( ( difference >= 0 ) || ( static_cast< std::size_t >( - difference ) <= m_AvailableChunks ) );
     assert( ( difference < 0 ) || ( static_cast< std::size_t >( difference ) + m_AvailableChunks <= m_MaxChunks ) );
@@ -187,14 +188,14 @@ bool MemoryManager::requestChunks(unsigned long count)
     {
         return false;
     }
-    changeChunks(-static_cast<std::ptrdiff_t>(count));
+    updateChunks(-static_cast<std::ptrdiff_t>(count));
     return true;
 }
 
 void MemoryManager::returnChunks(unsigned long count)
 {
     ChunkLock lock(m_ChunkMutex);
-    changeChunks(static_cast<std::ptrdiff_t>(count));
+    updateChunks(static_cast<std::ptrdiff_t>(count));
 }
 
 void MemoryManager::registerListener(IMemoryListener& listener)
@@ -253,11 +254,6 @@ void MemoryManager::notifyListeners(MemoryStatus newStatus, MemoryStatus oldStat
     {
         listener->onMemoryStatusChanged(newStatus, oldStatus);
     }
-}
-
-void MemoryManager::updateChunks(std::ptrdiff_t difference)
-{
-    changeChunks(difference);
 }
 
 // Rises while the consumption is above the current level's rising threshold,

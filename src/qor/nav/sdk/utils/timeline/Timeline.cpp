@@ -175,12 +175,13 @@ void Timeline::startSession(FILE* stream)
 
 void Timeline::startMultipartSession(const char* baseName, unsigned long partSizeLimit)
 {
-    assert(baseName != nullptr);
     SpinLockGuard guard(m_Lock);
     if (m_Active.load())
     {
+        // Ignored while a session is active, whatever the arguments.
         return;
     }
+    assert(baseName != nullptr);
     m_BaseName = baseName;
     m_PartNumber = 0;
     m_PartSizeLimit = partSizeLimit;

@@ -1,5 +1,8 @@
 #include "qor/nav/sdk/utils/common/CharacterReplacements.h"
 
+
+#include "support/ReplacementModel.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -107,6 +110,12 @@ TEST_F(CharacterReplacementsTest, ReplaceCharactersExamples)
         // Measured only when a later candidate is tested against it; that
         // ends the later entry, what was kept stays.
         {"bad replacement text", {{"a", "\xFF"}, {"c", "C"}, {"b", "B"}}, "abc", "\xFF" "bc", {"0:a>\xFF"}},
+        // Right of every earlier record it is never measured: both records
+        // are applied, the left one counting only its own characters.
+        {"bad replacement text on the right", {{"a", "c"}, {"b", "\xFF"}}, "ab", "c\xFF", {"0:a>c", "1:b>\xFF"}},
+        // Replaced again from the left, its bytes count one character each.
+        {"bad replacement text swallowed", {{"ab", "x"}, {"b", "\xC3\xFF"}}, "abc", "x\xFF" "c",
+         {"0:ab>x", "1:b>\xC3\xFF"}},
         {"empty search text takes every free position", {{"", "X"}}, "abc", "XaXbXc", {"0:>X", "1:>X", "2:>X"}},
     };
     for (const Case& c : cases)
@@ -121,46 +130,18 @@ TEST_F(CharacterReplacementsTest, ReplaceCharactersExamples)
     }
 }
 
-// The plain model of the rule, through Utf8String's character positions:
-// every candidate tested against every accepted record, the records applied
-// one by one from the right.
-CharacterReplacementResult replacedStepByStep(const Utf8String& text, const Table& table)
-{
-    std::vector<Replacement> accepted;
-    for (const auto& entry : table)
-    {
-        const Utf8String& from = entry.first;
-        for (std::size_t pos = text.find(from, 0); pos != Utf8String::npos; pos = text.find(from, pos + 1))
-        {
-            const bool rejected = std::any_of(accepted.begin(), accepted.end(), [&](const Replacement& r) {
-                return pos == r.position || (pos > r.position && pos < r.position + r.to.length()) ||
-                       (pos < r.position && pos + from.size() > r.position);
-            });
-            if (!rejected)
-            {
-                accepted.push_back(Replacement{pos, from, entry.second});
-            }
-        }
-    }
-    std::sort(accepted.begin(), accepted.end(),
-              [](const Replacement& a, const Replacement& b) { return a.position < b.position; });
-    CharacterReplacementResult result{text, accepted};
-    for (auto r = accepted.rbegin(); r != accepted.rend(); ++r)
-    {
-        result.text.replace(r->position, r->from.length(), r->to);
-    }
-    return result;
-}
-
 // Random text over a small alphabet of one- to four-byte characters, so that
-// search texts hit often and overlap.
-std::string randomText(std::mt19937& random, std::size_t maxCharacters)
+// search texts hit often and overlap; with `broken`, also pieces that are not
+// well-formed (a lone continuation, a cut lead byte, a surrogate, a lead
+// byte that a following 80..BF completes).
+std::string randomText(std::mt19937& random, std::size_t maxCharacters, bool broken = false)
 {
-    static const char* const alphabet[] = {"a", "b", " ", "\xC3\xA4", "\xE2\x82\xAC", "\xF0\x9F\x98\x80"};
+    static const char* const alphabet[] = {"a", "b", " ", "\xC3\xA4", "\xE2\x82\xAC", "\xF0\x9F\x98\x80",
+                                           "\x80", "\xC3", "\xED\xA0\x80", "\xFF"};
     std::string text;
     for (std::size_t n = random() % (maxCharacters + 1); n > 0; --n)
     {
-        text += alphabet[random() % 6];
+        text += alphabet[random() % (broken ? 10 : 6)];
     }
     return text;
 }
@@ -170,20 +151,24 @@ TEST_F(CharacterReplacementsTest, ReadersMatchTheRuleAppliedStepByStepOnRandomTa
     std::mt19937 random(4711);
     for (int round = 0; round < 3000; ++round)
     {
+        // Every fourth table has replacement texts that cannot be decoded,
+        // every twentieth also search texts; every fiftieth text is broken.
+        const bool brokenTo = round % 4 == 1;
+        const bool brokenFrom = round % 20 == 1;
         Table table;
         for (std::size_t n = 1 + random() % 6; n > 0; --n)
         {
-            const std::string from = randomText(random, 3);
+            const std::string from = randomText(random, 3, brokenFrom);
             // Replacement texts from empty to longer than any search text.
-            table.emplace_back(from.empty() ? "a" : from, randomText(random, round % 5 == 0 ? 12 : 4));
+            table.emplace_back(from.empty() ? "a" : from, randomText(random, round % 5 == 0 ? 12 : 4, brokenTo));
         }
         use(table);
         // Mostly short lines, some with many records, a few past 4 KiB.
         const std::size_t length = round % 1000 == 999 ? 3000 : round % 10 == 0 ? 400 : 40;
-        const Utf8String text(randomText(random, length));
+        const Utf8String text(randomText(random, length, round % 50 == 3));
         SCOPED_TRACE("round " + std::to_string(round) + ", text '" + text.str() + "'");
 
-        const CharacterReplacementResult expected = replacedStepByStep(text, table);
+        const CharacterReplacementResult expected = qor::test::replacedStepByStep(text, table);
         const CharacterReplacementResult actual = instance().replaceCharacters(text);
         ASSERT_EQ(actual.text.str(), expected.text.str());
         ASSERT_EQ(describe(actual), describe(expected));

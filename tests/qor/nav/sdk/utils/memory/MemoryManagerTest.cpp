@@ -346,11 +346,12 @@ using MemoryManagerDeathTest = MemoryManagerTest;
 TEST_F(MemoryManagerDeathTest, ChangesBeyondTheBudgetFailItsAssertions)
 {
     ASSERT_TRUE(m_Manager.requestChunks(2));
+    // The report names the function that holds the checks.
     EXPECT_DEATH(m_Manager.returnChunks(3),
-                 test::assertionFailure("( difference < 0 ) || ( static_cast< std::size_t >( difference ) + "
+                 "MemoryManager::updateChunks\\([^)]*\\): " + test::assertionFailure("( difference < 0 ) || ( static_cast< std::size_t >( difference ) + "
                                         "m_AvailableChunks <= m_MaxChunks )"));
     EXPECT_DEATH(m_Manager.updateChunks(-99),
-                 test::assertionFailure("( difference >= 0 ) || ( static_cast< std::size_t >( - difference ) <= "
+                 "MemoryManager::updateChunks\\([^)]*\\): " + test::assertionFailure("( difference >= 0 ) || ( static_cast< std::size_t >( - difference ) <= "
                                         "m_AvailableChunks )"));
 }
 
