@@ -10,10 +10,7 @@
 #include "qor/nav/sdk/utils/validation/UTF8Validator.h"
 
 #include "qor/nav/sdk/utils/validation/Utf8Automaton.h"
-#if __has_include("qor/nav/sdk/utils/validation/Utf8Check.h")
 #include "qor/nav/sdk/utils/validation/Utf8Check.h"
-#define QOR_FUZZ_EVERY_CHECK_PATH 1
-#endif
 
 #include "FuzzSupport.h"
 #include "support/WellFormedUtf8.h"
@@ -42,7 +39,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     QOR_FUZZ_CHECK(detail::validateStrictUtf8Reference(bytes.data(), bytes.size()) == wellFormed);
 
     const bool clean = wellFormed && qor::fuzz::withoutControlBytes(bytes);
-#ifdef QOR_FUZZ_EVERY_CHECK_PATH
     std::size_t count = 0;
     const detail::Utf8CheckPath* paths = detail::availableUtf8CheckPaths(count);
     for (std::size_t i = 0; i < count; ++i)
@@ -50,7 +46,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         QOR_FUZZ_CHECK(paths[i].isStrictUtf8(data, size) == wellFormed);
         QOR_FUZZ_CHECK(paths[i].isStrictUtf8WithoutControls(data, size) == clean);
     }
-#endif
 
     const Utf8String repaired = UTF8Validator::makeStrictUtf8Conform(text);
     QOR_FUZZ_CHECK(text.str() == bytes);

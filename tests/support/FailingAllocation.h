@@ -6,11 +6,11 @@
 //   ... code under test ...
 //   EXPECT_FALSE(qor::test::FailingAllocation::pending());  // it was hit
 //
-// Including this header replaces the global operator new and delete (plain
-// and nothrow forms, which together cover the allocations of std::string and
-// the other standard containers) of the whole executable with malloc/free
-// based versions, so it must be included by one source file only. Array and
-// aligned forms keep the toolchain's versions.
+// Including this header replaces the global operator new and delete (the
+// plain forms, which std::string and the other standard containers use) of
+// the whole executable with malloc/free based versions, so it must be
+// included by one source file only. Other forms keep the toolchain's
+// versions.
 //
 // Threads: the armed size belongs to the thread that armed it; allocations of
 // other threads are never failed.
@@ -28,7 +28,7 @@ class FailingAllocation
 {
 public:
     // The calling thread's next allocation of exactly `bytes` bytes throws
-    // std::bad_alloc (or returns null from the nothrow form); 0 disarms.
+    // std::bad_alloc; 0 disarms.
     static void failNextOfSize(std::size_t bytes) noexcept { armedSize() = bytes; }
 
     // True while the armed failure has not happened yet.
@@ -71,15 +71,6 @@ void* operator new(std::size_t bytes)
     return memory;
 }
 
-void* operator new(std::size_t bytes, const std::nothrow_t&) noexcept
-{
-    if (qor::test::FailingAllocation::takeFailure(bytes))
-    {
-        return nullptr;
-    }
-    return std::malloc(bytes == 0 ? 1 : bytes);
-}
-
 // Not inlined: a caller that sees `new` paired with a free() would warn.
 __attribute__((noinline)) void operator delete(void* memory) noexcept
 {
@@ -87,11 +78,6 @@ __attribute__((noinline)) void operator delete(void* memory) noexcept
 }
 
 __attribute__((noinline)) void operator delete(void* memory, std::size_t) noexcept
-{
-    std::free(memory);
-}
-
-__attribute__((noinline)) void operator delete(void* memory, const std::nothrow_t&) noexcept
 {
     std::free(memory);
 }

@@ -1,13 +1,10 @@
 #include "qor/nav/sdk/utils/common/CharacterReplacements.h"
 
-
 #include "support/ReplacementModel.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <random>
 #include <string>
 #include <thread>
@@ -26,33 +23,33 @@ using Records = std::vector<std::string>;
 
 const LanguageId kKey(0x8000, 7258, 998, 0);
 
+CharacterReplacements& instance() { return CharacterReplacements::getInstance(); }
+void use(const Table& table) { instance().setCharacterReplacements({{kKey, table}}); }
+
+std::string applied(const std::string& input)
+{
+    Utf8String text(input);
+    instance().applyCharacterReplacements(text);
+    return text.str();
+}
+
+// "position:from>to" for each record.
+Records describe(const CharacterReplacementResult& result)
+{
+    Records out;
+    for (const Replacement& r : result.replacements)
+    {
+        out.push_back(std::to_string(r.position) + ":" + r.from.str() + ">" + r.to.str());
+    }
+    return out;
+}
+
 // The table set is process-wide: every test starts and ends with it empty.
 class CharacterReplacementsTest : public testing::Test
 {
 protected:
     void SetUp() override { instance().setCharacterReplacements({}); }
     void TearDown() override { instance().setCharacterReplacements({}); }
-
-    static CharacterReplacements& instance() { return CharacterReplacements::getInstance(); }
-    static void use(const Table& table) { instance().setCharacterReplacements({{kKey, table}}); }
-
-    static std::string applied(const std::string& input)
-    {
-        Utf8String text(input);
-        instance().applyCharacterReplacements(text);
-        return text.str();
-    }
-
-    // "position:from>to" for each record.
-    static Records describe(const CharacterReplacementResult& result)
-    {
-        Records out;
-        for (const Replacement& r : result.replacements)
-        {
-            out.push_back(std::to_string(r.position) + ":" + r.from.str() + ">" + r.to.str());
-        }
-        return out;
-    }
 };
 
 TEST_F(CharacterReplacementsTest, ReadersUseOnlyTheReplacementKeysTable)
@@ -61,22 +58,15 @@ TEST_F(CharacterReplacementsTest, ReadersUseOnlyTheReplacementKeysTable)
     instance().setCharacterReplacements({{LanguageId(0x8000, 7258, 998, 1), {{"a", "X"}}},
                                          {LanguageId(0x8000, 7259, 998, 0), {{"a", "Y"}}}});
     EXPECT_EQ(applied("abc"), "abc");
-    const CharacterReplacementResult result = instance().replaceCharacters("abc");
-    EXPECT_EQ(result.text.str(), "abc");
-    EXPECT_TRUE(result.replacements.empty());
-
+    EXPECT_TRUE(describe(instance().replaceCharacters("abc")).empty());
     // Nothing is merged: the whole set is replaced.
     instance().setCharacterReplacements({{kKey, {{"a", "Z"}}}});
     EXPECT_EQ(applied("abc"), "Zbc");
     instance().setCharacterReplacements({{LanguageId(1, 2, 3, 4), {{"a", "Q"}}}});
     EXPECT_EQ(applied("abc"), "abc");
-
-    // Applying chains replaceAll in table order (checked at large below); it
-    // works on bytes, so text that is not well-formed does not stop it.
-    use({{"a", "b"}, {"b", "c"}});
-    EXPECT_EQ(applied("ab\xFF"), "cc\xFF");
 }
 
+// Worked examples of the rule; the random test below holds the rest.
 TEST_F(CharacterReplacementsTest, ReplaceCharactersExamples)
 {
     struct Case
@@ -88,8 +78,6 @@ TEST_F(CharacterReplacementsTest, ReplaceCharactersExamples)
         Records records;
     };
     const std::vector<Case> cases = {
-        {"empty input", {{"a", "X"}}, "", "", {}},
-        {"searches the unchanged input", {{"a", "b"}, {"b", "c"}}, "ab", "bc", {"0:a>b", "1:b>c"}},
         // 'b' at 1 does not overlap 'a' in the input but falls inside 'XYZ'.
         {"accepted extent is the replacement's length", {{"a", "XYZ"}, {"b", "Q"}}, "abcd", "XYZbcd", {"0:a>XYZ"}},
         // An empty replacement has no extent: 'b' inside 'ab' is accepted,
@@ -97,12 +85,9 @@ TEST_F(CharacterReplacementsTest, ReplaceCharactersExamples)
         {"empty replacement", {{"ab", ""}, {"b", "Q"}}, "abc", "c", {"0:ab>", "1:b>Q"}},
         {"overlapping hits resume one character on", {{"aa", "b"}}, "aaa", "b", {"0:aa>b", "1:aa>b"}},
         // 'ä' (2 bytes) at 0 ends before 'b' at 1 in characters, but its byte
-        // count reaches 1, so it is rejected; with ASCII both measures agree.
+        // count reaches 1, so it is rejected.
         {"earlier candidate measured in bytes", {{"b", "B"}, {"\xC3\xA4", "ae"}}, "\xC3\xA4" "b", "\xC3\xA4" "B",
          {"1:b>B"}},
-        {"earlier ASCII candidate", {{"b", "B"}, {"a", "ae"}}, "ab", "aeB", {"0:a>ae", "1:b>B"}},
-        // Characters 0 'x', 1 ' ', 2 'ä', 3 ' ', 4 'ä': the blank at 3 falls
-        // inside 'ae'; the repeated 'ä' entry finds only taken positions.
         {"records sorted by input position", {{"\xC3\xA4", "ae"}, {" ", "_"}, {"\xC3\xA4", "AE"}},
          "x \xC3\xA4 \xC3\xA4", "x_ae ae", {"1: >_", "2:\xC3\xA4>ae", "4:\xC3\xA4>ae"}},
         {"bad input: no entry can search it", {{"a", "b"}}, "a\xFF", "a\xFF", {}},
@@ -122,12 +107,13 @@ TEST_F(CharacterReplacementsTest, ReplaceCharactersExamples)
     {
         SCOPED_TRACE(c.what);
         use(c.table);
-        const Utf8String input(c.input);
-        const CharacterReplacementResult result = instance().replaceCharacters(input);
-        EXPECT_EQ(input.str(), c.input);
+        const CharacterReplacementResult result = instance().replaceCharacters(c.input);
         EXPECT_EQ(result.text.str(), c.output);
         EXPECT_EQ(describe(result), c.records);
     }
+    // Applying chains replaceAll on bytes, so bad bytes do not stop it.
+    use({{"a", "b"}, {"b", "c"}});
+    EXPECT_EQ(applied("ab\xFF"), "cc\xFF");
 }
 
 // Random text over a small alphabet of one- to four-byte characters, so that
@@ -153,14 +139,12 @@ TEST_F(CharacterReplacementsTest, ReadersMatchTheRuleAppliedStepByStepOnRandomTa
     {
         // Every fourth table has replacement texts that cannot be decoded,
         // every twentieth also search texts; every fiftieth text is broken.
-        const bool brokenTo = round % 4 == 1;
-        const bool brokenFrom = round % 20 == 1;
         Table table;
         for (std::size_t n = 1 + random() % 6; n > 0; --n)
         {
-            const std::string from = randomText(random, 3, brokenFrom);
+            const std::string from = randomText(random, 3, round % 20 == 1);
             // Replacement texts from empty to longer than any search text.
-            table.emplace_back(from.empty() ? "a" : from, randomText(random, round % 5 == 0 ? 12 : 4, brokenTo));
+            table.emplace_back(from.empty() ? "a" : from, randomText(random, round % 5 == 0 ? 12 : 4, round % 4 == 1));
         }
         use(table);
         // Mostly short lines, some with many records, a few past 4 KiB.
@@ -184,17 +168,13 @@ TEST_F(CharacterReplacementsTest, ReadersMatchTheRuleAppliedStepByStepOnRandomTa
 
 TEST_F(CharacterReplacementsTest, ReadersSeeWholeTablesWhileAWriterReplacesThem)
 {
-    constexpr int kReaders = 3;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     std::atomic<int> readersDone{0};
     std::atomic<int> mixedResults{0};
-    std::vector<CharacterReplacements*> seen(kReaders, nullptr);
     std::vector<std::thread> readers;
-    for (int i = 0; i < kReaders; ++i)
+    for (int i = 0; i < 3; ++i)
     {
         readers.emplace_back([&, i] {
-            CharacterReplacements& shared = CharacterReplacements::getInstance();
-            seen[static_cast<std::size_t>(i)] = &shared;
             bool sawFirst = false;
             bool sawSecond = false;
             // Each reader runs until it has seen both tables (or time is up).
@@ -203,11 +183,11 @@ TEST_F(CharacterReplacementsTest, ReadersSeeWholeTablesWhileAWriterReplacesThem)
                 Utf8String text("abc");
                 if (i % 2 == 0)
                 {
-                    text = shared.replaceCharacters(text).text;
+                    text = instance().replaceCharacters(text).text;
                 }
                 else
                 {
-                    shared.applyCharacterReplacements(text);
+                    instance().applyCharacterReplacements(text);
                 }
                 sawFirst = sawFirst || text.str() == "111";
                 sawSecond = sawSecond || text.str() == "222";
@@ -216,8 +196,7 @@ TEST_F(CharacterReplacementsTest, ReadersSeeWholeTablesWhileAWriterReplacesThem)
             readersDone += sawFirst && sawSecond ? 1 : 0;
         });
     }
-    for (bool first = true; readersDone.load() < kReaders && std::chrono::steady_clock::now() < deadline;
-         first = !first)
+    for (bool first = true; readersDone.load() < 3 && std::chrono::steady_clock::now() < deadline; first = !first)
     {
         use(first ? Table{{"a", "1"}, {"b", "1"}, {"c", "1"}} : Table{{"a", "2"}, {"b", "2"}, {"c", "2"}});
         std::this_thread::yield();
@@ -227,8 +206,7 @@ TEST_F(CharacterReplacementsTest, ReadersSeeWholeTablesWhileAWriterReplacesThem)
         reader.join();
     }
     EXPECT_EQ(mixedResults.load(), 0);
-    EXPECT_EQ(readersDone.load(), kReaders);
-    EXPECT_EQ(seen, std::vector<CharacterReplacements*>(kReaders, &instance())) << "one instance for every thread";
+    EXPECT_EQ(readersDone.load(), 3);
 }
 
 } // namespace
