@@ -17,15 +17,16 @@
 // the newer ones from the list although they still count as linked. Existing
 // callers depend on this, so it is not "fixed" here.
 //
-// Misuse is a programming error caught by assertions: a null element, an
-// element prepended while linked, or removed while not linked.
+// Misuse is a programming error caught by assertions (active in every build,
+// NDEBUG or not): a null element, an element prepended while linked, or
+// removed while not linked.
 //
 // Threads: no lock. The owner serialises every access to a list and its
 // elements.
 #ifndef QOR_COMMON_UTILS_INTRUSIVELIST_INTRUSIVELIST_H
 #define QOR_COMMON_UTILS_INTRUSIVELIST_INTRUSIVELIST_H
 
-#include <cassert>
+#include "qor/common/utils/Assert.h"
 
 namespace qor {
 namespace common {
@@ -52,8 +53,8 @@ public:
     // Links `elem` in front of the current head.
     void prepend(T* elem)
     {
-        assert(elem);
-        assert(!(elem->*OFFSET).isInList());
+        QOR_ASSERT(elem);
+        QOR_ASSERT(!(elem->*OFFSET).isInList());
         IntrusiveListElem<T>& link = elem->*OFFSET;
         const bool wasEmpty = (m_Head == nullptr);
         link.next = m_Head;
@@ -68,8 +69,8 @@ public:
     // Unlinks `elem` (see the header comment for the order this relies on).
     void remove(T* elem)
     {
-        assert(elem);
-        assert((elem->*OFFSET).isInList());
+        QOR_ASSERT(elem);
+        QOR_ASSERT((elem->*OFFSET).isInList());
         IntrusiveListElem<T>& link = elem->*OFFSET;
         *link.back = link.next;
         if (link.next != nullptr)

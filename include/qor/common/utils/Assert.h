@@ -1,0 +1,21 @@
+// QOR_ASSERT(condition): an assertion that stays active in every build,
+// including a user's NDEBUG build of code that includes our public headers.
+//
+//   QOR_ASSERT(elem != nullptr);   // aborts with "file:line: function: Assertion `elem != nullptr' failed."
+//
+// The report is the standard one (the C library's assertion failure, with
+// the function name), so tools and tests that read assertion reports see no
+// difference; only NDEBUG no longer switches it off. Checks that guard the
+// library's own invariants belong here: a caller's misuse must not turn
+// into silent corruption in a release build.
+//
+// Threads: any thread; a failed check aborts the process.
+#ifndef QOR_COMMON_UTILS_ASSERT_H
+#define QOR_COMMON_UTILS_ASSERT_H
+
+#include <assert.h>
+
+#define QOR_ASSERT(condition) \
+    (static_cast<bool>(condition) ? void(0) : __assert_fail(#condition, __FILE__, __LINE__, __PRETTY_FUNCTION__))
+
+#endif
