@@ -1,5 +1,7 @@
 #include "qor/nav/sdk/utils/common/CharacterReplacements.h"
 
+#include "support/TestSync.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -200,7 +202,7 @@ TEST_F(CharacterReplacementsTest, ReadersMatchTheRuleAppliedStepByStepOnRandomTa
 TEST_F(CharacterReplacementsTest, ReadersSeeWholeTablesWhileAWriterReplacesThem)
 {
     constexpr int kReaders = 3;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    const auto deadline = std::chrono::steady_clock::now() + qor::test::scaled(std::chrono::seconds(30));
     std::atomic<int> readersDone{0};
     std::atomic<int> mixedResults{0};
     std::vector<CharacterReplacements*> seen(kReaders, nullptr);
