@@ -8,6 +8,27 @@ QOR_DEBIAN_PACKAGES=(
   nlohmann-json3-dev
 )
 
+# The AArch64 cross build (scripts/test aarch64): the cross compiler and the
+# emulator for the host, and the target's Boost.System and GoogleTest as
+# Debian's arm64 packages beside the host's (multi-arch).
+QOR_AARCH64_PACKAGES=(
+  g++-aarch64-linux-gnu qemu-user
+  libboost-system-dev:arm64 libgtest-dev:arm64 libgmock-dev:arm64
+)
+
+# Lets dpkg install packages of architecture $1 (e.g. arm64) beside the
+# host's; the package lists are read again by the next install.
+qor_ensure_foreign_architecture() {
+  if ! dpkg --print-foreign-architectures | grep -qx "$1"; then
+    echo "Adding the package architecture $1"
+    local sudo=""
+    if [ "$(id -u)" -ne 0 ]; then
+      sudo="sudo"
+    fi
+    $sudo dpkg --add-architecture "$1"
+  fi
+}
+
 qor_missing_packages() {
   local pkg missing=()
   for pkg in "${QOR_DEBIAN_PACKAGES[@]}" "$@"; do

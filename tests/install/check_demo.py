@@ -3,6 +3,7 @@
 
     check_demo.py DEMO VERSION            # every case below
     check_demo.py DEMO VERSION --quick    # only the first run (for an installed demo)
+    check_demo.py DEMO VERSION --emulator COMMAND...   # DEMO runs under COMMAND (qemu-user)
 
 Each case runs in a fresh temporary folder. Exits 0 when every case passed,
 1 with the reasons otherwise.
@@ -14,6 +15,7 @@ import sys
 import tempfile
 
 FAILURES = []
+EMULATOR = []  # the command that runs a cross-compiled demo, if any
 
 
 def check(condition, what, output=None):
@@ -27,7 +29,7 @@ def check(condition, what, output=None):
 
 
 def run(demo, folder, *args):
-    return subprocess.run([demo, *args], cwd=folder, capture_output=True, text=True,
+    return subprocess.run([*EMULATOR, demo, *args], cwd=folder, capture_output=True, text=True,
                           errors="replace", timeout=240)
 
 
@@ -127,8 +129,12 @@ def main():
         print(__doc__)
         return 2
     demo, version = os.path.abspath(sys.argv[1]), sys.argv[2]
+    options = sys.argv[3:]
+    if "--emulator" in options:
+        EMULATOR.extend(options[options.index("--emulator") + 1:])
+        options = options[:options.index("--emulator")]
     default_run(demo, version)
-    if "--quick" not in sys.argv[3:]:
+    if "--quick" not in options:
         file_arguments(demo)
         failures(demo)
     if FAILURES:

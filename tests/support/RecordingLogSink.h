@@ -7,6 +7,7 @@
 #define QOR_TESTS_SUPPORT_RECORDINGLOGSINK_H
 
 #include "qor/common/logging/Logger.h"
+#include "support/TestSync.h"
 
 #include <chrono>
 #include <condition_variable>
@@ -95,7 +96,7 @@ public:
 
     // Waits until a record matches; false when `timeout` passes first.
     bool waitFor(const std::function<bool(const LogRecord&)>& match,
-                 std::chrono::milliseconds timeout = std::chrono::seconds(10)) const
+                 std::chrono::milliseconds timeout = kDefaultDeadline) const
     {
         std::unique_lock<std::mutex> lock(m_Mutex);
         return m_Changed.wait_for(lock, timeout, [&] {

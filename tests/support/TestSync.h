@@ -10,6 +10,11 @@
 // sanitizer build does not fail a correct test; they only stop a broken one
 // from hanging.
 //
+// Under an emulator every thread runs many times slower: the test preset that
+// runs the tests there sets QOR_TEST_TIME_SCALE (a whole number, default 1),
+// and every deadline, and every real-time window a test has to hit, is
+// stretched by it through scaled(). No check is skipped.
+//
 // Threads: every operation may be called from any thread.
 #ifndef QOR_TESTS_SUPPORT_TESTSYNC_H
 #define QOR_TESTS_SUPPORT_TESTSYNC_H
@@ -17,6 +22,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
+#include <cstdlib>
 #include <functional>
 #include <mutex>
 #include <thread>
@@ -24,7 +30,24 @@
 namespace qor {
 namespace test {
 
-constexpr std::chrono::milliseconds kDefaultDeadline{20000};
+// QOR_TEST_TIME_SCALE, read once; 1 when unset or below 1.
+inline long timeScale()
+{
+    static const long s_Scale = [] {
+        const char* text = std::getenv("QOR_TEST_TIME_SCALE");
+        const long value = text != nullptr ? std::strtol(text, nullptr, 10) : 1;
+        return value > 1 ? value : 1L;
+    }();
+    return s_Scale;
+}
+
+// `duration` as long as this run needs it.
+inline std::chrono::milliseconds scaled(std::chrono::milliseconds duration)
+{
+    return duration * timeScale();
+}
+
+inline const std::chrono::milliseconds kDefaultDeadline = scaled(std::chrono::milliseconds(20000));
 
 // A count-down latch: waiters pass once the count has reached zero.
 class Latch

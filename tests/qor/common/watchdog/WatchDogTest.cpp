@@ -254,7 +254,7 @@ TEST_F(WatchDogTest, ShortLimitIsWatchedBesideLongOnesAndAfterIdleSpells)
     for (std::uint64_t round = 1; round <= 3; ++round)
     {
         quick.restart();
-        ASSERT_TRUE(qor::test::waitUntil([&] { return quick.getReportCount() == round; }, std::chrono::seconds(20)))
+        ASSERT_TRUE(qor::test::waitUntil([&] { return quick.getReportCount() == round; }, qor::test::scaled(std::chrono::seconds(20))))
             << "round " << round;
         quick.pause();
         if (round == 2)

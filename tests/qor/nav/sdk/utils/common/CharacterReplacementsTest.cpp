@@ -1,6 +1,7 @@
 #include "qor/nav/sdk/utils/common/CharacterReplacements.h"
 
 #include "support/ReplacementModel.h"
+#include "support/TestSync.h"
 
 #include <gtest/gtest.h>
 
@@ -168,7 +169,7 @@ TEST_F(CharacterReplacementsTest, ReadersMatchTheRuleAppliedStepByStepOnRandomTa
 
 TEST_F(CharacterReplacementsTest, ReadersSeeWholeTablesWhileAWriterReplacesThem)
 {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    const auto deadline = std::chrono::steady_clock::now() + qor::test::scaled(std::chrono::seconds(30));
     std::atomic<int> readersDone{0};
     std::atomic<int> mixedResults{0};
     std::vector<std::thread> readers;
