@@ -6,7 +6,6 @@
 #include <stdlib.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
 #include <string>
@@ -18,15 +17,12 @@ namespace qor::test {
 class TemporaryDirectory
 {
 public:
-    TemporaryDirectory()
+    TemporaryDirectory() : m_Path((std::filesystem::temp_directory_path() / "qor-test-XXXXXX").string())
     {
-        const char* base = std::getenv("TMPDIR");
-        std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/qor-test-XXXXXX";
-        if (::mkdtemp(pattern.data()) == nullptr)
+        if (::mkdtemp(m_Path.data()) == nullptr)
         {
-            throw std::runtime_error("mkdtemp failed for " + pattern);
+            throw std::runtime_error("mkdtemp failed for " + m_Path);
         }
-        m_Path = pattern;
     }
     ~TemporaryDirectory() { std::filesystem::remove_all(m_Path, m_Ignored); }
     TemporaryDirectory(const TemporaryDirectory&) = delete;

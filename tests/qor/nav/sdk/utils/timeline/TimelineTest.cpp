@@ -56,10 +56,13 @@ std::string part(const std::string& base, std::size_t number)
     return base + "." + std::string(digits.size() < 3 ? 3 - digits.size() : 0, '0') + digits;
 }
 
-void section(Timeline& timeline)
+void sections(Timeline& timeline, int count)
 {
-    timeline.beginSection("step", nullptr, "");
-    timeline.endSection();
+    for (int i = 0; i < count; ++i)
+    {
+        timeline.beginSection("step", nullptr, "");
+        timeline.endSection();
+    }
 }
 
 // The events of one document, which must be a complete trace.
@@ -76,104 +79,6 @@ std::size_t countPhase(const std::string& document, const std::string& phase)
     const std::vector<Json> events = eventsOf(document);
     return static_cast<std::size_t>(
         std::count_if(events.begin(), events.end(), [&](const Json& e) { return e["ph"] == phase; }));
-}
-
-// Named threads ("Worker-k") open and close `sections` random nested sections
-// each, all at once; section i is named i and has the category "work" when i
-// is a multiple of 3. Returns the names by thread id.
-std::map<std::uint64_t, std::string> record(Timeline& timeline, int threads, int sections)
-{
-    std::map<std::uint64_t, std::string> names;
-    std::vector<std::unique_ptr<FunctionThread>> running;
-    std::atomic<int> ready{0};
-    for (int k = 0; k < threads; ++k)
-    {
-        running.push_back(std::make_unique<FunctionThread>("Worker-" + std::to_string(k), [&, k] {
-            std::mt19937 random(static_cast<unsigned>(k));
-            for (ready.fetch_add(1); ready.load() < threads;) // start together to contend for the writer
-            {
-                std::this_thread::yield();
-            }
-            for (int i = 0, depth = 0; i < sections || depth > 0;)
-            {
-                if (i < sections && depth < 3 && random() % 2 == 0)
-                {
-                    timeline.beginSection(std::to_string(i).c_str(), i % 3 == 0 ? "work" : nullptr, "");
-                    ++i;
-                    ++depth;
-                }
-                else if (depth > 0)
-                {
-                    timeline.endSection();
-                    --depth;
-                }
-            }
-        }));
-        running.back()->start();
-    }
-    for (auto& thread : running)
-    {
-        thread->join();
-        names[thread->getId()] = thread->getName();
-    }
-    return names;
-}
-
-// The parts of a session, in order, hold what the workers did: each worker
-// named at most once per part, its sections in its order with their category,
-// each end closing a section of the same thread, time stamps never
-// decreasing; and each part but the last ends right after the first section
-// end that leaves more than `limit` counted bytes (all but the commas in
-// front of events and categories).
-void expectRecorded(const std::vector<std::string>& parts, const std::map<std::uint64_t, std::string>& names,
-                    int sections, std::uint64_t limit)
-{
-    std::map<std::uint64_t, int> begun, depth;
-    long lastTimeStamp = 0;
-    for (std::size_t p = 0; p < parts.size(); ++p)
-    {
-        std::map<std::uint64_t, int> named;
-        std::vector<std::uint64_t> countedAtEnds;
-        std::uint64_t counted = kHeader.size();
-        for (const Json& e : eventsOf(parts[p]))
-        {
-            counted += e.dump().size() + 1 - (e.contains("cat") ? 1 : 0);
-            const std::uint64_t id = e["tid"].get<std::uint64_t>();
-            ASSERT_TRUE(names.count(id) == 1 || e["ph"] == "i") << e.dump();
-            if (e["ph"] == "M")
-            {
-                EXPECT_EQ(names.at(id), e["args"]["name"]);
-                EXPECT_EQ(1, ++named[id]) << "named twice: " << e.dump();
-            }
-            else if (e["ph"] == "B" || e["ph"] == "E")
-            {
-                EXPECT_LE(lastTimeStamp, e["ts"].get<long>()) << e.dump();
-                lastTimeStamp = e["ts"].get<long>();
-            }
-            if (e["ph"] == "E")
-            {
-                ASSERT_LT(0, depth[id]--) << "unmatched end: " << e.dump();
-                countedAtEnds.push_back(counted);
-            }
-            else if (e["ph"] == "B")
-            {
-                ++depth[id];
-                EXPECT_EQ(std::to_string(begun[id]), e["name"]);
-                EXPECT_EQ(begun[id]++ % 3 == 0 ? Json("work") : Json(), e.value("cat", Json())) << e.dump();
-            }
-        }
-        const bool last = p + 1 == parts.size();
-        ASSERT_TRUE(last || !countedAtEnds.empty()) << "part " << p + 1;
-        for (std::size_t i = 0; i < countedAtEnds.size(); ++i)
-        {
-            EXPECT_EQ(!last && i + 1 == countedAtEnds.size(), countedAtEnds[i] > limit) << "part " << p + 1;
-        }
-    }
-    for (const auto& [id, name] : names)
-    {
-        EXPECT_EQ(sections, begun[id]) << name;
-        EXPECT_EQ(0, depth[id]) << name;
-    }
 }
 
 TEST(TimelineTest, SessionOfOneNamedThreadHasExactBytesAndASixtyHertzGrid)
@@ -225,38 +130,34 @@ TEST(TimelineTest, PartsRollOverOnlyAboveTheLimitAndNameTheThreadInEach)
     TemporaryDirectory dir;
     const std::string base = dir.path() + "/m.json";
     const mode_t mask = ::umask(0); // parts are created 0664
-    FunctionThread::runAndJoin("Worker", [&] {
-        Timeline timeline, other;
-        timeline.startMultipartSession((dir.path() + "/one").c_str(), 1000000);
-        section(timeline);
-        timeline.finishSession(); // header, name, begin and end, less the two separating commas:
-        const std::uint64_t cycle = readFile(dir.path() + "/one.001").size() - 4;
-        timeline.startMultipartSession(base.c_str(), cycle); // exactly at the limit is not above it
-        int fds[2];
-        ASSERT_EQ(0, ::pipe2(fds, O_NONBLOCK));
-        timeline.startSession(::fdopen(fds[1], "w"));
-        char byte = 0;
-        EXPECT_EQ(0, ::read(fds[0], &byte, 1)) << "a stream given while active must be closed at once";
-        ::close(fds[0]);
-        timeline.startMultipartSession((dir.path() + "/ignored").c_str(), 10);
-        timeline.startMultipartSession(nullptr, 10); // ignored too, not checked
-        other.startSession(std::fopen((dir.path() + "/other.json").c_str(), "w"));
-        for (int i = 0; i < 4; ++i) // the thread alternates between two timelines
-        {
-            section(timeline);
-            section(other);
-        }
-        other.finishSession();
-        s_Micros += 1000000; // sixty grid marks take the empty third part above the limit, ...
-        timeline.finishSession();
-        timeline.endSection(); // ... so that a late section end opens a fourth (kept for compatibility)
-        timeline.finishSession();
-        timeline.startSession(std::fopen((dir.path() + "/single.json").c_str(), "w")); // never rolls over
-        for (int i = 0; i < 50; ++i)
-        {
-            section(timeline);
-        }
-    });
+    Timeline timeline, other;
+    timeline.startMultipartSession((dir.path() + "/one").c_str(), 1000000);
+    sections(timeline, 1);
+    timeline.finishSession(); // header, name, begin and end, less the two separating commas:
+    const std::uint64_t cycle = readFile(dir.path() + "/one.001").size() - 4;
+    timeline.startMultipartSession(base.c_str(), cycle); // exactly at the limit is not above it
+    int fds[2];
+    ASSERT_EQ(0, ::pipe2(fds, O_NONBLOCK));
+    timeline.startSession(::fdopen(fds[1], "w"));
+    char byte = 0;
+    EXPECT_EQ(0, ::read(fds[0], &byte, 1)) << "a stream given while active must be closed at once";
+    ::close(fds[0]);
+    timeline.startMultipartSession((dir.path() + "/ignored").c_str(), 10);
+    timeline.startMultipartSession(nullptr, 10); // ignored too, not checked
+    other.startSession(std::fopen((dir.path() + "/other.json").c_str(), "w"));
+    for (int i = 0; i < 4; ++i) // the thread alternates between two timelines
+    {
+        sections(timeline, 1);
+        sections(other, 1);
+    }
+    other.finishSession();
+    s_Micros += 1000000; // sixty grid marks take the empty third part above the limit, ...
+    timeline.finishSession();
+    timeline.endSection(); // ... so that a late section end opens a fourth (kept for compatibility)
+    timeline.finishSession();
+    timeline.startSession(std::fopen((dir.path() + "/single.json").c_str(), "w")); // never rolls over
+    sections(timeline, 50);
+    timeline.finishSession();
     ::umask(mask);
     EXPECT_EQ((std::vector<std::string>{"m.json.001", "m.json.002", "m.json.003", "m.json.004", "one.001",
                                         "other.json", "single.json"}),
@@ -275,7 +176,7 @@ TEST(TimelineTest, PartsRollOverOnlyAboveTheLimitAndNameTheThreadInEach)
     EXPECT_EQ(0664u, info.st_mode & 0777u);
 }
 
-TEST(TimelineTest, ThreadsRecordIntoPartsThatHoldEverySectionAfterOutputsThatFailedQuietly)
+TEST(TimelineTest, ThreadsRecordRandomSectionsIntoPartsAfterOutputsThatFailedQuietly)
 {
     TemporaryDirectory dir;
     const std::string base = dir.path() + "/trace.json";
@@ -283,32 +184,114 @@ TEST(TimelineTest, ThreadsRecordIntoPartsThatHoldEverySectionAfterOutputsThatFai
     FILE* full = std::fopen("/dev/full", "w"); // every write fails
     ASSERT_NE(nullptr, full);
     timeline.startSession(full);
-    record(timeline, 3, 100);
-    timeline.finishSession();
     std::ofstream(dir.path() + "/plain") << "x";
-    timeline.startMultipartSession((dir.path() + "/plain/sub/t.json").c_str(), 100); // no such folder
-    record(timeline, 3, 50);
-    timeline.finishSession();
     std::ofstream(part(base, 3)) << "keep"; // an existing part stops the recording there
+    sections(timeline, 100);
+    timeline.finishSession();
+    timeline.startMultipartSession((dir.path() + "/plain/sub/t.json").c_str(), 100); // no such folder
+    sections(timeline, 100);
+    timeline.finishSession();
     timeline.startMultipartSession(base.c_str(), 500);
-    record(timeline, 3, 100);
+    sections(timeline, 100);
     timeline.finishSession();
     EXPECT_EQ("keep", readFile(part(base, 3)));
     EXPECT_EQ((std::vector<std::string>{"plain", "trace.json.001", "trace.json.002", "trace.json.003"}), dir.entries());
     EXPECT_LT(0u, countPhase(readFile(part(base, 2)), "E"));
 
-    // Parts above the 64 KiB stream buffer, sections spanning parts.
+    // Named threads open and close random nested sections at once, section i
+    // of each named i and in the category "work" when i is a multiple of 3,
+    // into parts larger than the 64 KiB stream buffer.
     const std::string next = dir.path() + "/next.json";
-    timeline.startMultipartSession(next.c_str(), 70000);
-    const auto names = record(timeline, 4, 500);
-    timeline.finishSession();
-    std::vector<std::string> parts;
-    for (std::size_t p = 1; p <= dir.entries().size() - 4; ++p)
+    const std::uint64_t limit = 70000;
+    timeline.startMultipartSession(next.c_str(), limit);
+    std::map<std::uint64_t, std::string> names;
+    std::vector<std::unique_ptr<FunctionThread>> threads;
+    std::atomic<int> ready{0};
+    for (int k = 0; k < 4; ++k)
     {
-        parts.push_back(readFile(part(next, p))); // a gap reads empty and fails
+        threads.push_back(std::make_unique<FunctionThread>("Worker-" + std::to_string(k), [&, k] {
+            std::mt19937 random(static_cast<unsigned>(k));
+            for (ready.fetch_add(1); ready.load() < 4;) // start together to contend for the writer
+            {
+                std::this_thread::yield();
+            }
+            for (int i = 0, depth = 0; i < 500 || depth > 0;)
+            {
+                if (i < 500 && (depth == 0 || (depth < 3 && random() % 2 == 0)))
+                {
+                    timeline.beginSection(std::to_string(i).c_str(), i % 3 == 0 ? "work" : nullptr, "");
+                    ++i;
+                    ++depth;
+                }
+                else
+                {
+                    timeline.endSection();
+                    --depth;
+                }
+            }
+        }));
+        threads.back()->start();
     }
-    ASSERT_LT(2u, parts.size());
-    expectRecorded(parts, names, 500, 70000);
+    for (auto& thread : threads)
+    {
+        thread->join();
+        names[thread->getId()] = thread->getName();
+    }
+    timeline.finishSession();
+
+    // Each part parses and names each worker at most once; each worker's
+    // sections come in its order with their category, each end closes a
+    // section of the same thread, time stamps never decrease; and each part
+    // but the last ends right after the first section end that leaves more
+    // than the limit counted (all but the commas in front of events and
+    // categories).
+    std::map<std::uint64_t, int> begun, depth;
+    long lastTimeStamp = 0;
+    const std::size_t parts = dir.entries().size() - 4;
+    ASSERT_LT(2u, parts);
+    for (std::size_t p = 1; p <= parts; ++p)
+    {
+        std::map<std::uint64_t, int> named;
+        std::vector<std::uint64_t> countedAtEnds;
+        std::uint64_t counted = kHeader.size();
+        for (const Json& e : eventsOf(readFile(part(next, p)))) // a gap reads empty and fails
+        {
+            counted += e.dump().size() + 1 - (e.contains("cat") ? 1 : 0);
+            const std::uint64_t id = e["tid"].get<std::uint64_t>();
+            ASSERT_TRUE(names.count(id) == 1 || e["ph"] == "i") << e.dump();
+            if (e["ph"] == "M")
+            {
+                EXPECT_EQ(names.at(id), e["args"]["name"]);
+                EXPECT_EQ(1, ++named[id]) << "named twice: " << e.dump();
+            }
+            else if (e["ph"] == "B" || e["ph"] == "E")
+            {
+                EXPECT_LE(lastTimeStamp, e["ts"].get<long>()) << e.dump();
+                lastTimeStamp = e["ts"].get<long>();
+            }
+            if (e["ph"] == "E")
+            {
+                ASSERT_LT(0, depth[id]--) << "unmatched end: " << e.dump();
+                countedAtEnds.push_back(counted);
+            }
+            else if (e["ph"] == "B")
+            {
+                ++depth[id];
+                EXPECT_EQ(std::to_string(begun[id]), e["name"]);
+                EXPECT_EQ(begun[id]++ % 3 == 0 ? Json("work") : Json(), e.value("cat", Json())) << e.dump();
+            }
+        }
+        for (std::size_t i = 0; i < countedAtEnds.size(); ++i)
+        {
+            EXPECT_EQ(p < parts && i + 1 == countedAtEnds.size(), countedAtEnds[i] > limit) << "part " << p;
+        }
+        ASSERT_TRUE(p == parts || !countedAtEnds.empty()) << "part " << p;
+    }
+    for (const auto& [id, name] : names)
+    {
+        EXPECT_EQ(500, begun[id]) << name;
+        EXPECT_EQ(0, depth[id]) << name;
+    }
 }
 
 TEST(TimelineDeathTest, NullBaseNameWhileIdleIsAProgrammingError)
