@@ -9,7 +9,6 @@
 #include <random>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -194,46 +193,6 @@ TEST(MemoryManagerTest, LogTexts)
                   "registerStatistics :: Registering [",
                   "unregisterStatistics :: Unregistering ["}),
               texts);
-    Logger::resetThresholds();
-}
-
-TEST(MemoryManagerTest, ConcurrentRequestersEndBalancedWithAConsistentStatusHistory)
-{
-    Logger::setThreshold("qor.nav.sdk.utils.memory", LogLevel::Warning); // thousands of registrations
-    MemoryManager manager(100 * 4096);
-    Listener listener(manager);
-    std::vector<std::thread> threads;
-    for (unsigned long t = 0; t < 3; ++t)
-    {
-        threads.emplace_back([&manager, t] {
-            for (unsigned long i = 0; i < 20000; ++i)
-            {
-                const unsigned long count = 1 + (i * 7 + t * 13) % 40;
-                if (manager.requestChunks(count))
-                {
-                    manager.returnChunks(count);
-                }
-            }
-        });
-    }
-    for (int i = 0; i < 2000; ++i) // registers and reads the lock-free getters meanwhile
-    {
-        Listener visitor(manager);
-        EXPECT_LE(manager.getMemoryConsumption(), 1.0f);
-    }
-    for (std::thread& thread : threads)
-    {
-        thread.join();
-    }
-    EXPECT_EQ(0.0f, manager.getMemoryConsumption()); // every chunk came back
-    EXPECT_TRUE(manager.requestChunks(100));
-    MemoryStatus level = Normal;
-    for (const auto& [newStatus, oldStatus] : listener.heard) // each change starts where the last ended
-    {
-        EXPECT_EQ(level, oldStatus);
-        level = newStatus;
-    }
-    EXPECT_EQ(Critical, level);
     Logger::resetThresholds();
 }
 

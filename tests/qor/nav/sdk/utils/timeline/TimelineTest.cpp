@@ -1,7 +1,6 @@
 #include "qor/nav/sdk/utils/timeline/Timeline.h"
 
 #include "qor/common/system/HighResolutionTimer.h"
-#include "qor/common/system/Thread.h"
 #include "support/FunctionThread.h"
 #include "support/TemporaryDirectory.h"
 
@@ -27,7 +26,6 @@
 namespace {
 
 using qor::common::system::HighResolutionTimer;
-using qor::common::system::Thread;
 using qor::nav::sdk::utils::timeline::Timeline;
 using qor::test::FunctionThread;
 using qor::test::TemporaryDirectory;
