@@ -1,46 +1,30 @@
-// A fresh, empty directory for one test, removed with its content afterwards.
-//
-//   TemporaryDirectory dir;
-//   std::string path = dir.path() + "/trace.json";
-//
-// Created under $TMPDIR (or /tmp) with mkdtemp, so parallel test runs never
-// share one. Threads: plain value; use from one thread.
+// A fresh, empty directory under $TMPDIR (or /tmp) for one test, removed with
+// its content afterwards. Threads: plain value; use from one thread.
 #ifndef QOR_TESTS_SUPPORT_TEMPORARYDIRECTORY_H
 #define QOR_TESTS_SUPPORT_TEMPORARYDIRECTORY_H
 
 #include <stdlib.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
 #include <string>
 #include <system_error>
 #include <vector>
 
-namespace qor {
-namespace test {
+namespace qor::test {
 
 class TemporaryDirectory
 {
 public:
-    TemporaryDirectory()
+    TemporaryDirectory() : m_Path((std::filesystem::temp_directory_path() / "qor-test-XXXXXX").string())
     {
-        const char* base = std::getenv("TMPDIR");
-        std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/qor-test-XXXXXX";
-        std::vector<char> buffer(pattern.begin(), pattern.end());
-        buffer.push_back('\0');
-        if (::mkdtemp(buffer.data()) == nullptr)
+        if (::mkdtemp(m_Path.data()) == nullptr)
         {
-            throw std::runtime_error("mkdtemp failed for " + pattern);
+            throw std::runtime_error("mkdtemp failed for " + m_Path);
         }
-        m_Path = buffer.data();
     }
-    ~TemporaryDirectory()
-    {
-        std::error_code ignored;
-        std::filesystem::remove_all(m_Path, ignored);
-    }
+    ~TemporaryDirectory() { std::filesystem::remove_all(m_Path, m_Ignored); }
     TemporaryDirectory(const TemporaryDirectory&) = delete;
     TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
 
@@ -60,9 +44,9 @@ public:
 
 private:
     std::string m_Path;
+    std::error_code m_Ignored;
 };
 
-} // namespace test
-} // namespace qor
+} // namespace qor::test
 
 #endif

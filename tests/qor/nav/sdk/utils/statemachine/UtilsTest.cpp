@@ -11,42 +11,29 @@ namespace {
 
 using qor::common::logging::Logger;
 using qor::common::logging::LogLevel;
-using qor::nav::sdk::utils::statemachine::utils::logStateReact;
-using qor::nav::sdk::utils::statemachine::utils::print;
-using qor::test::RecordingLogSink;
+using namespace qor::nav::sdk::utils::statemachine::utils;
 
-TEST(UtilsTest, PrintWritesLabelBlankAndTruthWord)
+TEST(UtilsTest, PrintAndLogStateReactWriteTheirFixedTexts)
 {
     EXPECT_EQ("isReady true", print("isReady", true));
-    EXPECT_EQ("isReady false", print("isReady", false));
     EXPECT_EQ(" false", print("", false));
     EXPECT_EQ("done  true", print("done ", true));
-}
 
-class LogStateReactTest : public ::testing::Test
-{
-protected:
-    void TearDown() override { Logger::resetThresholds(); }
-};
-
-TEST_F(LogStateReactTest, WritesOneTraceRecordPerReactionOnlyWhenTraceIsEnabled)
-{
     static Logger log("qor.test.statemachine.Machine");
     static Logger quiet("qor.test.quiet.Machine");
     Logger::setDefaultThreshold(LogLevel::Debug);
     Logger::setThreshold("qor.test.statemachine", LogLevel::Trace);
-    auto sink = RecordingLogSink::install();
-
-    logStateReact(quiet, "Idle");
+    auto sink = qor::test::RecordingLogSink::install();
+    logStateReact(quiet, "Idle"); // Trace is off for it
     logStateReact(log, "Idle");
     logStateReact(log, "");
-
     const auto records = sink->records();
     ASSERT_EQ(2u, records.size());
     EXPECT_EQ("qor.test.statemachine.Machine", records[0].loggerName);
+    EXPECT_EQ(LogLevel::Trace, records[0].level);
     EXPECT_EQ("Idle called\n", records[0].text);
     EXPECT_EQ(" called\n", records[1].text);
-    EXPECT_EQ(LogLevel::Trace, records[0].level);
+    Logger::resetThresholds();
 }
 
 } // namespace
