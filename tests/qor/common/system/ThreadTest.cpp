@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <functional>
@@ -35,7 +34,7 @@ public:
     void preExecute() override { m_Seen += "pre,"; }
     void run() override
     {
-        const bool current = &getCurrentThread() == this && getId() == static_cast<std::uint64_t>(::syscall(SYS_gettid));
+        const bool current = &getCurrentThread() == this && getId() == static_cast<std::uint64_t>(::gettid());
         m_Seen += (current ? "run as " : "run,") + osName() + ",";
         m_Body();
     }
@@ -95,26 +94,18 @@ TEST(ThreadTest, StartsOnceAndEveryJoinButTheThreadsOwnWaitsForTheEnd)
         Latch& gone = done; // the closure dies with the object
         std::string& name = nameAfterwards;
         delete doomed;
-        name = Thread::getCurrentThread().getName(); // adopted afresh
+        // Adopted afresh, as any thread that no Thread started: once, under its
+        // kernel id and OS name, started for good and never joined.
+        Thread& adopted = Thread::getCurrentThread();
+        const bool once = &adopted == &Thread::getCurrentThread();
+        name = adopted.getName() + std::string(once && adopted.getId() == static_cast<std::uint64_t>(::gettid()) ? " adopted" : "");
+        adopted.join();
+        EXPECT_THROW(adopted.start(), IllegalStateException);
         gone.countDown();
     };
     doomed->start();
     ASSERT_TRUE(done.waitFor());
-    EXPECT_EQ("SelfDestroyer", nameAfterwards);
-}
-
-// A thread that no Thread started (here the main thread; above, one whose
-// object is gone) is adopted once, under its kernel id and OS name, started
-// for good and never joined.
-TEST(ThreadTest, ThreadsStartedElsewhereAreAdoptedUnderTheirOsNames)
-{
-    Thread& main = Thread::getCurrentThread();
-    EXPECT_EQ(&main, &Thread::getCurrentThread());
-    EXPECT_EQ(static_cast<std::uint64_t>(::getpid()), main.getId());
-    EXPECT_EQ(osName(), main.getName());
-    EXPECT_TRUE(main.isStarted());
-    main.join();
-    EXPECT_THROW(main.start(), IllegalStateException);
+    EXPECT_EQ("SelfDestroyer adopted", nameAfterwards);
 }
 
 TEST(ThreadDeathTest, ExceptionEscapingRunIsLoggedAndTerminates)

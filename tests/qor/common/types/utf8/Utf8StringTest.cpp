@@ -35,18 +35,30 @@ std::string randomText(std::mt19937& random, std::size_t maxPieces)
 
 // length() and find() count characters of well-formed text and throw for any
 // other; replace() counts a byte that starts no character as one character
-// and throws std::out_of_range for a position past the end.
-TEST(Utf8StringTest, LengthFindAndReplaceMatchACharacterModel)
+// and throws std::out_of_range for a position past the end. replaceAll works
+// on bytes: in place when the replacement is not longer, else into a new
+// string, searching sixteen offsets a step; it must match the plain
+// find-and-replace loop at every length around those steps, and with either
+// operand aliasing it.
+TEST(Utf8StringTest, OperationsMatchCharacterAndByteModels)
 {
     std::mt19937 random(1357);
     for (int round = 0; round < 20000; ++round)
     {
-        const std::string bytes = randomText(random, 8);
+        const std::string bytes = randomText(random, round % 100 == 0 ? 150 : 12);
         const std::string what = randomText(random, 2);
+        const std::string with = randomText(random, 3);
         const std::vector<std::size_t> chars = qor::test::characterOrByteOffsets(bytes);
         const std::size_t pos = round % 50 == 0 ? npos : random() % (chars.size() + 2);
         const std::size_t count = round % 7 == 0 ? npos : random() % 4;
         const Utf8String text(bytes);
+        std::string expected = bytes;
+        for (std::size_t at = expected.find(what); !what.empty() && at != std::string::npos;
+             at = expected.find(what, at + with.size()))
+        {
+            expected.replace(at, what.size(), with);
+        }
+        ASSERT_EQ(expected, Utf8String(bytes).replaceAll(what, with).str()) << bytes << " / " << what << " / " << with;
         if (!isWellFormedUtf8(bytes) || !isWellFormedUtf8(what))
         {
             EXPECT_THROW(text.find(what, pos), InvalidArgumentException) << bytes << " / " << what;
@@ -66,36 +78,14 @@ TEST(Utf8StringTest, LengthFindAndReplaceMatchACharacterModel)
         Utf8String replaced(bytes);
         if (pos >= chars.size())
         {
-            EXPECT_THROW(replaced.replace(pos, count, what), std::out_of_range);
+            EXPECT_THROW(replaced.replace(pos, count, with), std::out_of_range);
             EXPECT_EQ(bytes, replaced.str());
             continue;
         }
+        expected = bytes;
         const std::size_t end = std::min(chars.size() - 1, count == npos ? npos : pos + count);
-        std::string expected = bytes;
-        expected.replace(chars[pos], chars[end] - chars[pos], what);
-        ASSERT_EQ(expected, replaced.replace(pos, count, what).str()) << bytes << " @" << pos << "+" << count;
-    }
-}
-
-// replaceAll rewrites in place when the replacement is not longer, builds a
-// new string otherwise, and searches sixteen offsets a step: it must match
-// the plain find-and-replace loop at every length around those steps,
-// including text that is not well-formed, and with either operand aliasing it.
-TEST(Utf8StringTest, ReplaceAllMatchesAPlainFindAndReplaceLoop)
-{
-    std::mt19937 random(2468);
-    for (int round = 0; round < 20000; ++round)
-    {
-        const std::string text = randomText(random, round % 100 == 0 ? 150 : 20);
-        const std::string what = randomText(random, 2);
-        const std::string with = randomText(random, 3);
-        std::string expected = text;
-        for (std::size_t at = expected.find(what); !what.empty() && at != std::string::npos;
-             at = expected.find(what, at + with.size()))
-        {
-            expected.replace(at, what.size(), with);
-        }
-        ASSERT_EQ(expected, Utf8String(text).replaceAll(what, with).str()) << text << " / " << what << " / " << with;
+        expected.replace(chars[pos], chars[end] - chars[pos], with);
+        ASSERT_EQ(expected, replaced.replace(pos, count, with).str()) << bytes << " @" << pos << "+" << count;
     }
     Utf8String self("abab");
     EXPECT_EQ("x", self.replaceAll(self, "x").str());
