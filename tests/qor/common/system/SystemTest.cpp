@@ -76,9 +76,9 @@ TEST(SystemTest, GuardsHoldTheirLockAndReadersShareIt)
 }
 
 // A timed wait without signal lasts at least its timeout (990 ms carries the
-// deadline's nanoseconds into seconds) and returns with the mutex held;
-// signal() wakes a waiter and broadcast() every one.
-TEST(SystemTest, CondVarWaitsLastTheirTimeoutOrEndOnSignalAndBroadcast)
+// deadline's nanoseconds into seconds) and returns with the mutex held; a
+// signal ends it early. (The scheduler's tests wake waits with signal().)
+TEST(SystemTest, CondVarTimedWaitsLastTheirTimeoutOrEndOnASignal)
 {
     Mutex mutex;
     CondVar cond;
@@ -92,37 +92,25 @@ TEST(SystemTest, CondVarWaitsLastTheirTimeoutOrEndOnSignalAndBroadcast)
         EXPECT_LE(std::chrono::milliseconds(timeout), steady_clock::now() - start);
         EXPECT_FALSE(freeForOthers(mutex));
     }
-    for (const int waiters : {1, 3})
-    {
-        int waiting = 0;
-        int woken = 0;
-        bool ready = false;
-        std::vector<std::thread> threads;
-        for (int i = 0; i < waiters; ++i)
-        {
-            threads.emplace_back([&] {
-                MutexGuard guard(mutex);
-                for (++waiting; !ready;)
-                {
-                    woken += waiters == 1 ? (cond.wait(mutex), 1) : static_cast<int>(cond.wait(mutex, 60000));
-                }
-            });
-        }
-        // Waiters release the mutex only inside wait().
-        ASSERT_TRUE(qor::test::waitUntil([&] {
-            MutexGuard guard(mutex);
-            return waiting == waiters;
-        }));
+    bool waiting = false;
+    bool go = false;
+    std::thread waiter([&] {
         MutexGuard guard(mutex);
-        ready = true;
-        waiters == 1 ? cond.signal() : cond.broadcast();
-        guard.unlock();
-        for (std::thread& thread : threads)
+        for (waiting = true; !go;)
         {
-            thread.join();
+            EXPECT_TRUE(cond.wait(mutex, 60000)) << "a woken timed wait reports the signal";
         }
-        EXPECT_LE(waiters, woken) << "a woken timed wait reports the signal";
-    }
+    });
+    // The waiter releases the mutex only inside wait().
+    ASSERT_TRUE(qor::test::waitUntil([&] {
+        MutexGuard guard(mutex);
+        return waiting;
+    }));
+    MutexGuard guard(mutex);
+    go = true;
+    cond.broadcast();
+    guard.unlock();
+    waiter.join();
 }
 
 } // namespace
