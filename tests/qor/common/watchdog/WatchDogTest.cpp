@@ -75,16 +75,30 @@ TEST(WatchDogTest, OnlySilencesAreReportedOnceOrRepeatedlyWithTheirLength)
     }
 }
 
-// A short limit is watched at its own pace beside a long one and after
-// spells with every watchdog paused; once the last watchdog is gone, a new
-// one is watched again.
-TEST(WatchDogTest, EachWatchdogKeepsItsPaceAfterIdleSpellsAndAfterTheLastIsGone)
+// Watchdogs come and go in several threads at once; a short limit is
+// watched at its own pace beside a long one and after spells with every
+// watchdog paused; once the last watchdog is gone, a new one is watched again.
+TEST(WatchDogTest, EachWatchdogKeepsItsPaceWhileOthersComeAndGo)
 {
     auto sink = qor::test::RecordingLogSink::install();
     {
         WatchDog slow("SlowPacedWatchdog", 400000, 0); // looked at every 100 s
         WatchDog quick("QuickWatchdog", 30, 0);
         slow.restart();
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 4; ++t)
+        {
+            threads.emplace_back([] {
+                for (int i = 0; i < 50; ++i)
+                {
+                    WatchDog("ShortLivedWatchdog", 1, 1).restart();
+                }
+            });
+        }
+        for (std::thread& thread : threads)
+        {
+            thread.join();
+        }
         for (std::uint64_t round = 1; round <= 3; ++round)
         {
             quick.restart();
