@@ -9,6 +9,7 @@
 #include "qor/common/logging/Logger.h"
 #include "support/TestSync.h"
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -24,6 +25,7 @@ class RecordingLogSink : public common::logging::ILogSink
 {
 public:
     using LogRecord = common::logging::LogRecord;
+    using Match = std::function<bool(const LogRecord&)>;
 
     // Installs a new recording sink for the whole process.
     class Installation
@@ -60,15 +62,10 @@ public:
     // Records of one logger, in arrival order.
     std::vector<LogRecord> recordsOf(const std::string& loggerName) const
     {
-        std::vector<LogRecord> result;
-        std::lock_guard<std::mutex> lock(m_Mutex);
-        for (const LogRecord& r : m_Records)
-        {
-            if (r.loggerName == loggerName)
-            {
-                result.push_back(r);
-            }
-        }
+        std::vector<LogRecord> result = records();
+        result.erase(std::remove_if(result.begin(), result.end(),
+                                    [&](const LogRecord& r) { return r.loggerName != loggerName; }),
+                     result.end());
         return result;
     }
 
@@ -83,32 +80,18 @@ public:
         return result;
     }
 
-    std::size_t count(const std::function<bool(const LogRecord&)>& match) const
+    std::size_t count(const Match& match) const
     {
-        std::lock_guard<std::mutex> lock(m_Mutex);
-        std::size_t n = 0;
-        for (const LogRecord& r : m_Records)
-        {
-            n += match(r) ? 1u : 0u;
-        }
-        return n;
+        const std::vector<LogRecord> all = records();
+        return static_cast<std::size_t>(std::count_if(all.begin(), all.end(), match));
     }
 
     // Waits until a record matches; false when `timeout` passes first.
-    bool waitFor(const std::function<bool(const LogRecord&)>& match,
-                 std::chrono::milliseconds timeout = kDefaultDeadline) const
+    bool waitFor(const Match& match, std::chrono::milliseconds timeout = kDefaultDeadline) const
     {
         std::unique_lock<std::mutex> lock(m_Mutex);
-        return m_Changed.wait_for(lock, timeout, [&] {
-            for (const LogRecord& r : m_Records)
-            {
-                if (match(r))
-                {
-                    return true;
-                }
-            }
-            return false;
-        });
+        return m_Changed.wait_for(lock, timeout,
+                                  [&] { return std::any_of(m_Records.begin(), m_Records.end(), match); });
     }
 
     void clear()

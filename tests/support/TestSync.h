@@ -71,11 +71,7 @@ public:
         return m_Zero.wait_for(lock, timeout, [this] { return m_Count == 0; });
     }
 
-    bool isOpen() const
-    {
-        std::lock_guard<std::mutex> lock(m_Mutex);
-        return m_Count == 0;
-    }
+    bool isOpen() const { return waitFor(std::chrono::milliseconds(0)); }
 
 private:
     mutable std::mutex m_Mutex;

@@ -2,265 +2,135 @@
 
 #include "support/RecordingLogSink.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <sys/syscall.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <atomic>
 #include <cstdio>
+#include <ctime>
 #include <map>
-#include <sstream>
+#include <random>
 #include <stdexcept>
-#include <string>
 #include <thread>
-#include <vector>
 
 namespace {
 
-using qor::common::logging::ILogSink;
 using qor::common::logging::Logger;
 using qor::common::logging::LogLevel;
-using qor::common::logging::LogRecord;
 using qor::common::logging::ScopedLogger;
-using qor::test::RecordingLogSink;
 
-std::uint64_t kernelThreadId()
+// Random threshold changes against the rule: the longest prefix that is the
+// whole name or ends at one of its dots decides, else the default. The
+// loggers live through all changes, so their cached thresholds must follow.
+TEST(LoggerTest, ThresholdsFollowTheLongestDottedPrefix)
 {
-    return static_cast<std::uint64_t>(::syscall(SYS_gettid));
-}
-
-// Counts how often it is formatted into a stream.
-struct FormatCounter
-{
-    mutable int formatted = 0;
-};
-
-std::ostream& operator<<(std::ostream& os, const FormatCounter& counter)
-{
-    ++counter.formatted;
-    return os << "counted";
-}
-
-class LoggerTest : public ::testing::Test
-{
-protected:
-    void SetUp() override { Logger::resetThresholds(); }
-    void TearDown() override { Logger::resetThresholds(); }
-};
-
-TEST_F(LoggerTest, LongestMatchingPrefixDecidesOnDottedBoundaries)
-{
-    Logger::setDefaultThreshold(LogLevel::Warning);
-    // Longer prefix set first, so that the result cannot come from set order.
-    Logger::setThreshold("a.b.c", LogLevel::Error);
-    Logger::setThreshold("a.b", LogLevel::Debug);
-
-    // Lowest enabled level per logger; "a.bc" does not continue "a.b" with a dot.
-    const std::vector<std::pair<const char*, LogLevel::logLevel>> cases = {
-        {"a.b", LogLevel::Debug},       {"a.b.x", LogLevel::Debug}, {"a.bc", LogLevel::Warning},
-        {"a.b.c.d", LogLevel::Error}, {"a", LogLevel::Warning},
-    };
-    for (const auto& c : cases)
+    const std::string names[] = {"a", "a.b", "a.bc", "a.b.c", "a.b.c.d", "b"};
+    std::vector<std::unique_ptr<Logger>> loggers;
+    std::map<std::string, int> model; // prefix -> threshold; "" is the default
+    std::mt19937 random(2024);
+    for (int step = 0; step < 400; ++step)
     {
-        const Logger log(c.first);
-        EXPECT_TRUE(log.isEnabled(c.second)) << c.first;
-        EXPECT_FALSE(log.isEnabled(static_cast<LogLevel::logLevel>(c.second - 1))) << c.first;
+        const auto level = static_cast<LogLevel::logLevel>(LogLevel::Trace + random() % 6);
+        const std::size_t which = random() % 8;
+        which == 6 ? Logger::resetThresholds()
+                   : which == 7 ? Logger::setDefaultThreshold(level) : Logger::setThreshold(names[which], level);
+        which == 6 ? model.clear() : void(model[which == 7 ? "" : names[which]] = level);
+        loggers.emplace_back(new Logger(names[step % 6])); // new ones beside those that cached
+        for (const std::unique_ptr<Logger>& logger : loggers)
+        {
+            const std::string& name = logger->getName();
+            int expected = LogLevel::Info;
+            for (const auto& entry : model) // a longer matching prefix sorts later
+            {
+                const std::string& p = entry.first;
+                expected = p.empty() || name == p || name.rfind(p + ".", 0) == 0 ? entry.second : expected;
+            }
+            for (int l = LogLevel::Trace; l <= LogLevel::Fatal; ++l)
+            {
+                ASSERT_EQ(l >= expected, logger->isEnabled(static_cast<LogLevel::logLevel>(l))) << step << name << l;
+            }
+        }
     }
     Logger::resetThresholds();
-    const Logger afterReset("a.b.c.d");
-    EXPECT_FALSE(afterReset.isEnabled(LogLevel::Debug));
-    EXPECT_TRUE(afterReset.isEnabled(LogLevel::Info));
 }
 
-TEST_F(LoggerTest, ThresholdChangesReachLoggersThatAlreadyLogged)
+struct ThrowingSink : qor::common::logging::ILogSink
 {
-    auto sink = RecordingLogSink::install();
-    static Logger log("qor.test.cached");
+    void write(const qor::common::logging::LogRecord&) override { throw std::runtime_error("sink failed"); }
+};
 
-    log << LogLevel::Debug << "before" << std::endl;   // caches Info
-    Logger::setThreshold("qor.test", LogLevel::Debug);
-    log << LogLevel::Debug << "after" << std::endl;
-    Logger::setDefaultThreshold(LogLevel::Fatal);      // the prefix still wins
-    log << LogLevel::Debug << "prefix wins" << std::endl;
-    Logger::resetThresholds();
-    log << LogLevel::Debug << "reset" << std::endl;
-
-    EXPECT_THAT(sink->textsOf("qor.test.cached"), ::testing::ElementsAre("after\n", "prefix wins\n"));
-}
-
-TEST_F(LoggerTest, DisabledRecordFormatsNothingAndReachesNoSink)
+TEST(LoggerTest, EnabledRecordsArriveOnceWithTheirFieldsAndDisabledOnesFormatNothing)
 {
-    auto sink = RecordingLogSink::install();
-    const Logger log("qor.test.disabled");
-    FormatCounter counter;
-
-    {
-        ScopedLogger record = log << LogLevel::Debug;
-        EXPECT_FALSE(record.isEnabled());
-        EXPECT_EQ(nullptr, record.stream());
-        record << counter << 42 << std::string("text") << std::endl;
-    }
-    EXPECT_EQ(0, counter.formatted);
-    EXPECT_TRUE(sink->records().empty());
-
-    log << LogLevel::Info << counter << std::endl;
-    EXPECT_EQ(1, counter.formatted);
-    EXPECT_THAT(sink->textsOf("qor.test.disabled"), ::testing::ElementsAre("counted\n"));
-}
-
-TEST_F(LoggerTest, RecordCarriesExactTextLevelNameAndThread)
-{
-    auto sink = RecordingLogSink::install();
+    auto sink = qor::test::RecordingLogSink::install();
     const Logger log("qor.test.record");
-    const void* pointer = reinterpret_cast<const void*>(0x1234);
-    std::ostringstream expectedPointer;
-    expectedPointer << pointer;
-
-    log << LogLevel::Warning << "n=" << 42u << " m=" << -7 << " " << true << "/" << false << " p=" << pointer
-        << std::endl
-        << std::string("second line") << std::endl;
-    log << LogLevel::Error << "no line end";
-
-    const std::vector<LogRecord> records = sink->recordsOf("qor.test.record");
-    ASSERT_EQ(2u, records.size());
-    EXPECT_EQ("n=42 m=-7 true/false p=" + expectedPointer.str() + "\nsecond line\n", records[0].text);
-    EXPECT_EQ(LogLevel::Warning, records[0].level);
-    EXPECT_EQ(kernelThreadId(), records[0].threadId);
-    EXPECT_NE(0u, records[0].timestampMicros);
-    EXPECT_EQ("no line end", records[1].text);
-    EXPECT_EQ(LogLevel::Error, records[1].level);
-}
-
-TEST_F(LoggerTest, MovedFromRecordDeliversNothing)
-{
-    auto sink = RecordingLogSink::install();
-    const Logger log("qor.test.moved");
+    ScopedLogger disabled = log << LogLevel::Debug;
+    EXPECT_EQ(nullptr, disabled.stream());
+    disabled << "lost" << std::endl;
+    log << LogLevel::Warning << "n=" << 42u << " " << true << "/" << false << std::endl << "2nd" << std::endl;
     {
-        ScopedLogger first = log << LogLevel::Info;
-        first << "part one, ";
+        ScopedLogger first = log << LogLevel::Error;
+        first << "no line end, ";
         ScopedLogger second(std::move(first));
-        EXPECT_FALSE(first.isEnabled());
         first << "lost";
-        second << "part two" << std::endl;
+        second << "moved";
     }
-    EXPECT_THAT(sink->textsOf("qor.test.moved"), ::testing::ElementsAre("part one, part two\n"));
-}
-
-class ThrowingSink : public ILogSink
-{
-public:
-    void write(const LogRecord&) override
-    {
-        ++calls;
-        throw std::runtime_error("sink failed");
-    }
-    std::atomic<int> calls{0};
-};
-
-TEST_F(LoggerTest, FailingSinkDoesNotThrowIntoTheCaller)
-{
-    auto sink = std::make_shared<ThrowingSink>();
-    qor::common::logging::setLogSink(sink);
-    const Logger log("qor.test.throwing");
+    const auto records = sink->records();
+    ASSERT_EQ(2u, records.size());
+    EXPECT_EQ("n=42 true/false\n2nd\n", records[0].text);
+    EXPECT_EQ(LogLevel::Warning, records[0].level);
+    EXPECT_EQ(static_cast<std::uint64_t>(::gettid()), records[0].threadId);
+    EXPECT_NEAR(static_cast<double>(std::time(nullptr)), records[1].timestampMicros / 1e6, 10.0);
+    EXPECT_EQ("no line end, moved", records[1].text);
+    EXPECT_EQ(LogLevel::Error, records[1].level);
+    qor::common::logging::setLogSink(std::make_shared<ThrowingSink>());
     EXPECT_NO_THROW(log << LogLevel::Error << "lost" << std::endl);
-    qor::common::logging::setLogSink(nullptr);
-    EXPECT_EQ(1, sink->calls.load());
 }
 
-TEST_F(LoggerTest, RecordsFromManyThreadsArriveWholeAndOnce)
+// Each line: "YYYY-MM-DD hh:mm:ss.uuuuuu LEVEL   [tid] logger: text", a line
+// end added where the text has none. Records of several threads at once keep
+// their lines whole, together and in each thread's order.
+TEST(LoggerTest, DefaultSinkWritesWholePrefixedLinesFromManyThreads)
 {
-    auto sink = RecordingLogSink::install();
-    static Logger log("qor.test.concurrent");
-    constexpr int kThreads = 4;
-    constexpr int kRecords = 500;
-
+    Logger::setDefaultThreshold(LogLevel::Trace);
+    static Logger log("qor.test.stderr");
+    const char* const levels[] = {"TRACE  ", "DEBUG  ", "INFO   ", "WARNING", "ERROR  ", "FATAL  "};
     std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t)
+    ::testing::internal::CaptureStderr();
+    for (int t = 0; t < 6; ++t) // one thread per level
     {
         threads.emplace_back([t] {
-            for (int r = 0; r < kRecords; ++r)
+            for (int r = 0; r < 100; ++r)
             {
-                // Several insertions and two lines: torn records would show.
-                log << LogLevel::Info << "thread " << t << " record " << r << std::endl
-                    << "  tail " << t << "/" << r << std::endl;
+                log << static_cast<LogLevel::logLevel>(LogLevel::Trace + t) << "thread " << t << " record " << r
+                    << std::endl
+                    << "tail";
             }
         });
-    }
-    // Thresholds change meanwhile; Info stays enabled throughout.
-    for (int i = 0; i < 200; ++i)
-    {
-        Logger::setThreshold("qor.test.other" + std::to_string(i % 5), LogLevel::Trace);
     }
     for (std::thread& thread : threads)
     {
         thread.join();
     }
-
-    const std::vector<LogRecord> records = sink->recordsOf("qor.test.concurrent");
-    ASSERT_EQ(static_cast<std::size_t>(kThreads * kRecords), records.size());
-    std::vector<int> nextRecord(kThreads, 0);
-    std::map<int, std::uint64_t> threadIds;
-    for (const LogRecord& record : records)
+    std::istringstream output(::testing::internal::GetCapturedStderr());
+    const std::string stamp = "dddd-dd-dd dd:dd:dd.dddddd ";
+    std::vector<int> next(6, 0);
+    for (std::string line, tail; std::getline(output, line);)
     {
-        int t = -1;
-        int r = -1;
-        ASSERT_EQ(2, std::sscanf(record.text.c_str(), "thread %d record %d", &t, &r)) << record.text;
-        ASSERT_TRUE(t >= 0 && t < kThreads) << record.text;
-        ASSERT_EQ("thread " + std::to_string(t) + " record " + std::to_string(r) + "\n  tail " + std::to_string(t) +
-                      "/" + std::to_string(r) + "\n",
-                  record.text);
-        // Each thread's records arrive in the order it wrote them.
-        ASSERT_EQ(nextRecord[t], r);
-        ++nextRecord[t];
-        auto inserted = threadIds.emplace(t, record.threadId);
-        EXPECT_EQ(inserted.first->second, record.threadId);
-    }
-    EXPECT_EQ(static_cast<std::size_t>(kThreads), threadIds.size());
-}
-
-TEST_F(LoggerTest, DefaultSinkWritesOnePrefixedStderrLinePerRecordLine)
-{
-    qor::common::logging::setLogSink(nullptr);
-    const Logger log("qor.test.stderr");
-
-    ::testing::internal::CaptureStderr();
-    log << LogLevel::Error << "first line" << std::endl << "second line" << std::endl;
-    log << LogLevel::Warning << "unterminated";
-    log << LogLevel::Debug << "disabled" << std::endl;
-    const std::string output = ::testing::internal::GetCapturedStderr();
-
-    const std::string tid = std::to_string(kernelThreadId());
-    // Each line: "YYYY-MM-DD hh:mm:ss.uuuuuu LEVEL   [tid] logger: text".
-    const std::string shape = "dddd-dd-dd dd:dd:dd.dddddd";
-    const std::vector<std::string> tails{
-        " ERROR   [" + tid + "] qor.test.stderr: first line\n",
-        " ERROR   [" + tid + "] qor.test.stderr: second line\n",
-        " WARNING [" + tid + "] qor.test.stderr: unterminated\n",
-    };
-    std::size_t at = 0;
-    for (const std::string& tail : tails)
-    {
-        ASSERT_LE(at + shape.size(), output.size()) << output;
-        for (std::size_t i = 0; i < shape.size(); ++i)
+        ASSERT_TRUE(std::getline(output, tail) && line.size() > stamp.size()) << line;
+        for (std::size_t c = 0; c < stamp.size(); ++c)
         {
-            const char c = output[at + i];
-            ASSERT_TRUE(shape[i] == 'd' ? (c >= '0' && c <= '9') : c == shape[i]) << output.substr(at);
+            ASSERT_TRUE(stamp[c] == 'd' ? line[c] >= '0' && line[c] <= '9' : line[c] == stamp[c]) << line;
         }
-        at += shape.size();
-        ASSERT_EQ(tail, output.substr(at, tail.size())) << output;
-        at += tail.size();
+        int t = -1;
+        unsigned long tid = 0;
+        ASSERT_EQ(2, std::sscanf(line.c_str() + stamp.size(), "%*s [%lu] qor.test.stderr: thread %d", &tid, &t)) << line;
+        ASSERT_TRUE(t >= 0 && t < 6) << line;
+        const std::string head = line.substr(0, stamp.size()) + levels[t] + " [" + std::to_string(tid) + "] ";
+        ASSERT_EQ(head + "qor.test.stderr: thread " + std::to_string(t) + " record " + std::to_string(next[t]++), line);
+        ASSERT_EQ(head + "qor.test.stderr: tail", tail);
     }
-    EXPECT_EQ(output.size(), at) << output;
-}
-
-TEST(LogLevelTest, NamesLevelsAndMarksUnknownValues)
-{
-    EXPECT_STREQ("TRACE", LogLevel::toString(LogLevel::Trace));
-    EXPECT_STREQ("FATAL", LogLevel::toString(LogLevel::Fatal));
-    EXPECT_STREQ("LEVEL?", LogLevel::toString(static_cast<LogLevel::logLevel>(0)));
+    EXPECT_EQ(std::vector<int>(6, 100), next);
+    Logger::resetThresholds();
 }
 
 } // namespace
