@@ -19,12 +19,14 @@ namespace {
 
 using namespace qor::nav::sdk::utils::synchronization;
 using namespace qor::test;
-using qor::common::system::Clock;
+using qor::common::logging::Logger;
+using qor::common::logging::LogRecord;
 using Scheduler = FunctionExecutionScheduler;
 using Worker = FunctionExecutionSchedulerImpl;
 using Strings = std::vector<std::string>;
 
 const std::string kName = "PN3qor3nav3sdk5utils15synchronization8FunctionE";
+const std::string kLogger = "qor.nav.sdk.utils.FunctionExecutionScheduler.";
 
 // Refuses untimed records; holds work but fails when asked how long to wait.
 class FailingStrategy : public BalancedStrategy
@@ -47,25 +49,19 @@ public:
 class FunctionExecutionSchedulerTest : public ::testing::Test
 {
 protected:
-    FunctionExecutionSchedulerTest() { qor::common::logging::Logger::setDefaultThreshold(qor::common::logging::LogLevel::Trace); }
-    ~FunctionExecutionSchedulerTest() override { qor::common::logging::Logger::resetThresholds(); }
+    FunctionExecutionSchedulerTest() { Logger::setDefaultThreshold(qor::common::logging::LogLevel::Trace); }
+    ~FunctionExecutionSchedulerTest() override { Logger::resetThresholds(); }
 
     // The records of schedulers, as "<level> <scheduler>: <text>".
     Strings lines() const
     {
-        const std::string prefix = "qor.nav.sdk.utils.FunctionExecutionScheduler.";
         Strings result;
-        for (const auto& r : m_Sink->records()) {
-            if (r.loggerName.rfind(prefix, 0) == 0) {
-                result.push_back(std::to_string(r.level) + " " + r.loggerName.substr(prefix.size()) + ": " + r.text);
+        for (const LogRecord& r : m_Sink->records()) {
+            if (r.loggerName.rfind(kLogger, 0) == 0) {
+                result.push_back(std::to_string(r.level) + " " + r.loggerName.substr(kLogger.size()) + ": " + r.text);
             }
         }
         return result;
-    }
-    long count(const std::string& line) const
-    {
-        const Strings all = lines();
-        return std::count(all.begin(), all.end(), line);
     }
 
     RecordingLogSink::Installation m_Sink;
@@ -95,7 +91,6 @@ TEST_F(FunctionExecutionSchedulerTest, WorkerHandsOutIdsAndRecordsAndDecidesItsN
     worker.shutdown();
     EXPECT_EQ(Worker::Stop, worker.getNextAction(timeout, execution));
     EXPECT_EQ(1u, Worker("None", nullptr, 0, 0).scheduleExecutionImmediately(nullptr).getValue());
-
     for (bool illegalState : {true, false}) {
         Worker broken("Broken", std::make_shared<FailingStrategy>(illegalState), 0, 0);
         EXPECT_THROW(broken.scheduleExecutionImmediately(nullptr), std::runtime_error);
@@ -112,7 +107,7 @@ TEST_F(FunctionExecutionSchedulerTest, PeriodicRecordIsQueuedAgainWithPeriodMinu
     auto strategy = std::make_shared<BalancedStrategy>();
     Worker worker("Periodic", strategy, 0, 0);
     // Runs a record on this thread for exactly `runMs` on the tick counter
-    // (again while the counter moves by itself) and returns the tick after it.
+    // (again while the counter moves by itself); returns the tick after it.
     auto runFor = [&](FunctionExecution execution, std::uint32_t runMs) {
         execution.function = std::make_shared<CountingFunction>([&] { m_Ticks.advance(runMs); });
         for (;;) {
@@ -120,9 +115,9 @@ TEST_F(FunctionExecutionSchedulerTest, PeriodicRecordIsQueuedAgainWithPeriodMinu
             while (!strategy->empty()) {
                 strategy->getNextTimedFunctionExecution();
             }
-            const std::uint32_t start = Clock::getTickCounter();
+            const std::uint32_t start = qor::common::system::Clock::getTickCounter();
             worker.executeFunction(execution);
-            if (Clock::getTickCounter() - start == runMs) {
+            if (qor::common::system::Clock::getTickCounter() - start == runMs) {
                 return start + runMs;
             }
         }
@@ -142,39 +137,6 @@ TEST_F(FunctionExecutionSchedulerTest, PeriodicRecordIsQueuedAgainWithPeriodMinu
     EXPECT_EQ(fast, lines());
     runFor({}, 100);
     EXPECT_EQ((Strings{fast[0], fast[1], "3 Periodic: FunctionExecution " + kName + " tooks 100\n"}), lines());
-}
-
-TEST_F(FunctionExecutionSchedulerTest, RunsEveryKindOfWorkAndSurvivesExceptions)
-{
-    std::vector<std::shared_ptr<CountingFunction>> jobs(4); // early, later, periodic, periodic later
-    for (auto& job : jobs) {
-        job = std::make_shared<CountingFunction>();
-    }
-    auto standard = std::make_shared<CountingFunction>([] { throw std::runtime_error("boom"); });
-    auto other = std::make_shared<CountingFunction>([] { throw 42; });
-    {
-        Scheduler scheduler("Loop", 0, 0);
-        EXPECT_EQ(1u, scheduler.scheduleExecutionImmediately(jobs[0]).getValue()); // waits for start()
-        scheduler.scheduleExecutionImmediately(nullptr);
-        scheduler.scheduleExecutionImmediately(standard, Duration(1)); // periodic, but not after throwing
-        scheduler.scheduleExecutionLater(other, Duration(0), Duration(1));
-        scheduler.start();
-        EXPECT_THROW(scheduler.start(), qor::common::errors::IllegalStateException);
-        scheduler.scheduleExecutionLater(jobs[1], Duration(10));
-        scheduler.scheduleExecutionImmediately(jobs[2], Duration(1));
-        scheduler.scheduleExecutionLater(jobs[3], Duration(5), Duration(1));
-        ASSERT_TRUE(jobs[1]->waitForRuns(1) && jobs[2]->waitForRuns(3) && jobs[3]->waitForRuns(3));
-        scheduler.refreshWatchdog();
-    } // the destructor shuts down and joins: everything is logged by now
-    for (const char* line : {"3 Loop: started.\n", "3 Loop: stopped.\n", "1 Loop: execute functionExecution  started\n",
-                             "1 Loop: execute functionExecution  finished\n",
-                             "5 Loop: Unexpected exception while handling functionExecution: boom\n",
-                             "5 Loop: Unexpected exception while handling functionExecution.\n"}) {
-        EXPECT_EQ(1, count(line)) << line;
-    }
-    EXPECT_EQ((std::vector<long>{1, 1, 1, 1, 1, 1, 1, 1}),
-              (std::vector<long>{jobs[0]->runs(), jobs[1]->runs(), standard->started(), other->started(),
-                                 jobs[0].use_count(), jobs[1].use_count(), jobs[2].use_count(), jobs[3].use_count()}));
 }
 
 TEST_F(FunctionExecutionSchedulerTest, RemovalDropsQueuedWorkButNeverWaitsForARunningFunction)
@@ -209,7 +171,7 @@ TEST_F(FunctionExecutionSchedulerTest, ShutdownWaitsForTheRunningFunctionExceptO
         self.scheduleExecutionLater(stopper, Duration(0));
     }));
     self.start();
-    ASSERT_TRUE(waitUntil([&] { return count("3 Self: stopped.\n") == 1; }));
+    ASSERT_TRUE(stopper->waitForRuns(1));
     EXPECT_EQ(1, inner->runs());
     EXPECT_EQ(5u, self.scheduleExecutionImmediately(inner).getValue()); // a fresh id, nothing queued
     EXPECT_EQ(1, inner.use_count());
@@ -236,7 +198,7 @@ TEST_F(FunctionExecutionSchedulerTest, ShutdownWaitsForTheRunningFunctionExceptO
 
 TEST_F(FunctionExecutionSchedulerTest, WatchdogNamedAfterTheSchedulerReportsASilentRunOnce)
 {
-    auto isReport = [](const qor::common::logging::LogRecord& r) {
+    auto isReport = [](const LogRecord& r) {
         return r.loggerName == "qor.common.watchdog.WatchDog" &&
                r.text.rfind("WatchDog DogWatchdog not refreshed for ", 0) == 0;
     };
@@ -251,7 +213,8 @@ TEST_F(FunctionExecutionSchedulerTest, WatchdogNamedAfterTheSchedulerReportsASil
 
 // Clients schedule and remove work at random while the worker runs; each
 // function removes its own id while it runs (a deadlock if removal waited).
-TEST(FunctionExecutionSchedulerStressTest, ConcurrentClientsNeitherLoseNorRepeatOneShotWork)
+// Work queued before start(), a null function and throwing ones run too.
+TEST_F(FunctionExecutionSchedulerTest, ConcurrentClientsNeitherLoseNorRepeatOneShotWork)
 {
     struct Job
     {
@@ -259,62 +222,79 @@ TEST(FunctionExecutionSchedulerStressTest, ConcurrentClientsNeitherLoseNorRepeat
         unsigned long id;
         bool once, removed;
     };
-    Scheduler scheduler("Stress", 0, 0);
     std::atomic<bool> stopped{false};
     std::atomic<int> lateRuns{0};
-    scheduler.start();
+    auto early = std::make_shared<CountingFunction>();
+    auto standard = std::make_shared<CountingFunction>([] { throw std::runtime_error("boom"); });
+    auto other = std::make_shared<CountingFunction>([] { throw 42; });
     std::vector<std::vector<Job>> jobs(4);
-    std::vector<std::thread> clients;
-    for (unsigned c = 0; c < jobs.size(); ++c) {
-        clients.emplace_back([&, c] {
-            std::mt19937 random(c);
-            for (std::vector<Job>& mine = jobs[c]; mine.size() < 800;) {
-                const unsigned dice = random() % 10;
-                if (dice >= 8 && !mine.empty()) {
-                    Job& victim = mine[random() % mine.size()];
-                    victim.removed = true;
-                    scheduler.asyncRemoveFunctionExecution(FunctionExecutionId(victim.id));
-                    continue;
-                }
-                auto id = std::make_shared<std::atomic<unsigned long>>(0);
-                auto function = std::make_shared<CountingFunction>([&, id] {
-                    lateRuns += stopped ? 1 : 0;
-                    scheduler.asyncRemoveFunctionExecution(FunctionExecutionId(id->load()));
-                });
-                const Duration delay(random() % 20), period(1 + random() % 5);
-                *id = (dice < 3   ? scheduler.scheduleExecutionImmediately(function)
-                       : dice < 6 ? scheduler.scheduleExecutionLater(function, delay)
-                       : dice < 7 ? scheduler.scheduleExecutionImmediately(function, period)
-                                  : scheduler.scheduleExecutionLater(function, delay, period))
-                          .getValue();
-                mine.push_back(Job{function, id->load(), dice < 6, false});
-            }
-        });
-    }
-    for (std::thread& client : clients) {
-        client.join();
-    }
     std::vector<const Job*> all;
-    for (const auto& mine : jobs) {
-        for (const Job& job : mine) {
-            all.push_back(&job);
+    {
+        Scheduler scheduler("Stress", 0, 0);
+        scheduler.scheduleExecutionImmediately(early);
+        scheduler.scheduleExecutionImmediately(nullptr);
+        scheduler.scheduleExecutionImmediately(standard, Duration(1)); // periodic, but not after throwing
+        scheduler.scheduleExecutionLater(other, Duration(0), Duration(1));
+        scheduler.start();
+        EXPECT_THROW(scheduler.start(), qor::common::errors::IllegalStateException);
+        std::vector<std::thread> clients;
+        for (unsigned c = 0; c < jobs.size(); ++c) {
+            clients.emplace_back([&, c] {
+                std::mt19937 random(c);
+                for (std::vector<Job>& mine = jobs[c]; mine.size() < 800;) {
+                    const unsigned dice = random() % 10;
+                    if (dice >= 8 && !mine.empty()) {
+                        Job& victim = mine[random() % mine.size()];
+                        victim.removed = true;
+                        scheduler.asyncRemoveFunctionExecution(FunctionExecutionId(victim.id));
+                        continue;
+                    }
+                    auto id = std::make_shared<std::atomic<unsigned long>>(0);
+                    auto function = std::make_shared<CountingFunction>([&, id] {
+                        lateRuns += stopped ? 1 : 0;
+                        scheduler.asyncRemoveFunctionExecution(FunctionExecutionId(id->load()));
+                    });
+                    const Duration delay(random() % 20), period(1 + random() % 5);
+                    *id = (dice < 3   ? scheduler.scheduleExecutionImmediately(function)
+                           : dice < 6 ? scheduler.scheduleExecutionLater(function, delay)
+                           : dice < 7 ? scheduler.scheduleExecutionImmediately(function, period)
+                                      : scheduler.scheduleExecutionLater(function, delay, period))
+                              .getValue();
+                    mine.push_back(Job{function, id->load(), dice < 6, false});
+                }
+            });
         }
-    }
-    EXPECT_TRUE(waitUntil([&] {
-        return std::none_of(all.begin(), all.end(), [](const Job* j) { return j->once && !j->removed && j->function->runs() == 0; });
-    })) << "a queued one-shot function never ran";
-    scheduler.shutdown();
-    stopped = true;
+        for (unsigned c = 0; c < jobs.size(); ++c) {
+            clients[c].join();
+            for (const Job& job : jobs[c]) {
+                all.push_back(&job);
+            }
+        }
+        EXPECT_TRUE(waitUntil([&] {
+            return std::none_of(all.begin(), all.end(),
+                                [](auto j) { return j->once && !j->removed && j->function->runs() == 0; });
+        })) << "a queued one-shot function never ran";
+        scheduler.refreshWatchdog();
+        scheduler.shutdown();
+        stopped = true;
+    } // the destructor shuts down again: harmless
     std::set<unsigned long> ids;
     for (const Job* job : all) {
         EXPECT_TRUE(ids.insert(job->id).second) << "id " << job->id << " handed out twice";
-        if (job->once) {
-            EXPECT_EQ(job->removed ? job->function->started() : 1, job->function->runs()) << job->id;
-            EXPECT_LE(job->function->started(), 1) << job->id;
-        }
+        EXPECT_TRUE(!job->once || job->function->runs() == (job->removed ? job->function->started() : 1)) << job->id;
+        EXPECT_LE(job->function->started(), job->once ? 1 : 1 << 30) << job->id;
         EXPECT_EQ(1, job->function.use_count()) << "the scheduler still holds id " << job->id;
     }
     EXPECT_EQ(0, lateRuns.load()) << "a function ran after shutdown() returned";
+    EXPECT_EQ((std::vector<long>{1, 1, 1, 1, 1, 1}), (std::vector<long>{early->runs(), standard->started(), other->started(),
+                                                                  early.use_count(), standard.use_count(), other.use_count()}));
+    const Strings logged = lines();
+    for (const char* line : {"3 Stress: started.\n", "3 Stress: stopped.\n", "1 Stress: execute functionExecution  started\n",
+                             "1 Stress: execute functionExecution  finished\n",
+                             "5 Stress: Unexpected exception while handling functionExecution: boom\n",
+                             "5 Stress: Unexpected exception while handling functionExecution.\n"}) {
+        EXPECT_EQ(1, std::count(logged.begin(), logged.end(), line)) << line;
+    }
 }
 
 } // namespace
