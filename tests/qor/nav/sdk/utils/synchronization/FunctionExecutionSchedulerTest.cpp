@@ -1,251 +1,286 @@
+// The scheduler and its worker: the loop's decisions, periodic rescheduling,
+// the exact log records, removal, shutdown from any thread, the watchdog, and
+// concurrent clients.
 #include "qor/nav/sdk/utils/synchronization/FunctionExecutionScheduler.h"
 
 #include "qor/common/errors/IllegalStateException.h"
+#include "qor/nav/sdk/utils/synchronization/BalancedStrategy.h"
+#include "qor/nav/sdk/utils/synchronization/FunctionExecutionSchedulerImpl.h"
 #include "support/RecordingLogSink.h"
 #include "support/TestFunctions.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <atomic>
 #include <random>
 #include <set>
-#include <stdexcept>
 #include <thread>
-#include <vector>
 
 namespace {
 
-using qor::nav::sdk::utils::synchronization::FunctionExecution;
-using qor::nav::sdk::utils::synchronization::FunctionExecutionScheduler;
-using qor::test::CountingFunction;
-using Duration = FunctionExecutionScheduler::Duration;
-using FunctionExecutionId = FunctionExecutionScheduler::FunctionExecutionId;
+using namespace qor::nav::sdk::utils::synchronization;
+using namespace qor::test;
+using qor::common::logging::LogRecord;
+using Scheduler = FunctionExecutionScheduler;
+using Worker = FunctionExecutionSchedulerImpl;
+using Strings = std::vector<std::string>;
 
-// Refuses the first untimed record it is given.
-class RefusingStrategy : public qor::test::RecordingStrategy
+const std::string kName = "PN3qor3nav3sdk5utils15synchronization8FunctionE";
+
+// Refuses untimed records; holds work but fails when asked how long to wait.
+struct FailingStrategy : BalancedStrategy
 {
-public:
-    using RecordingStrategy::addFunctionExecution;
-    void addFunctionExecution(const FunctionExecution& execution) override
+    explicit FailingStrategy(bool illegalState) : illegalState(illegalState) {}
+    using BalancedStrategy::addFunctionExecution;
+    void addFunctionExecution(const FunctionExecution&) override { throw std::runtime_error("full"); }
+    bool empty() const override { return false; }
+    unsigned int getTimeToNextFunctionExecution() const override
     {
-        if (!m_Refused)
-        {
-            m_Refused = true;
-            throw std::runtime_error("full");
-        }
-        RecordingStrategy::addFunctionExecution(execution);
+        return illegalState ? throw qor::common::errors::IllegalStateException("strategy broken") : throw 2, 0u;
     }
-
-private:
-    bool m_Refused = false;
+    const bool illegalState;
 };
 
-TEST(FunctionExecutionSchedulerTest, DefaultStrategyRunsImmediateDelayedAndPeriodicWork)
+class FunctionExecutionSchedulerTest : public ::testing::Test
 {
-    FunctionExecutionScheduler scheduler("Facade", 0, 0);
-    auto now = std::make_shared<CountingFunction>();
-    auto later = std::make_shared<CountingFunction>();
-    auto often = std::make_shared<CountingFunction>();
-    auto everyLater = std::make_shared<CountingFunction>();
-    EXPECT_EQ(1u, scheduler.scheduleExecutionImmediately(now).getValue()); // before start: waits
-    scheduler.start();
-    EXPECT_THROW(scheduler.start(), qor::common::errors::IllegalStateException);
-    EXPECT_EQ(2u, scheduler.scheduleExecutionLater(later, Duration(10)).getValue());
-    const FunctionExecutionId oftenId = scheduler.scheduleExecutionImmediately(often, Duration(1));
-    scheduler.scheduleExecutionLater(everyLater, Duration(5), Duration(1));
+protected:
+    FunctionExecutionSchedulerTest() { qor::common::logging::Logger::setDefaultThreshold(qor::common::logging::LogLevel::Trace); }
+    ~FunctionExecutionSchedulerTest() override { qor::common::logging::Logger::resetThresholds(); }
 
-    EXPECT_TRUE(now->waitForRuns(1));
-    EXPECT_TRUE(later->waitForRuns(1));
-    EXPECT_TRUE(often->waitForRuns(3));
-    EXPECT_TRUE(everyLater->waitForRuns(3));
-    scheduler.refreshWatchdog();
-    scheduler.asyncRemoveFunctionExecution(oftenId);
-    scheduler.shutdown();
-    EXPECT_EQ(1, later->runs());
-    EXPECT_EQ(1, everyLater.use_count()); // released by shutdown
-}
-
-TEST(FunctionExecutionSchedulerTest, NullStrategyHandsOutIdsRunsNothingAndStopsOnDestruction)
-{
-    auto sink = qor::test::RecordingLogSink::install();
-    auto job = std::make_shared<CountingFunction>();
+    // The records of schedulers, as "<level> <scheduler>: <text>".
+    Strings lines() const
     {
-        FunctionExecutionScheduler scheduler("Void", nullptr, 0, 0);
-        scheduler.start();
-        EXPECT_EQ(1u, scheduler.scheduleExecutionImmediately(job).getValue());
-        EXPECT_EQ(2u, scheduler.scheduleExecutionLater(job, Duration(0)).getValue());
-        EXPECT_EQ(3u, scheduler.scheduleExecutionLater(job, Duration(0), Duration(1)).getValue());
-        EXPECT_EQ(1, job.use_count());
+        const std::string prefix = "qor.nav.sdk.utils.FunctionExecutionScheduler.";
+        Strings result;
+        for (const LogRecord& r : m_Sink->records()) {
+            if (r.loggerName.rfind(prefix, 0) == 0) {
+                result.push_back(std::to_string(r.level) + " " + r.loggerName.substr(prefix.size()) + ": " + r.text);
+            }
+        }
+        return result;
     }
-    // Logged by the worker before the destructor returned.
-    EXPECT_EQ(1u, sink->count([](const qor::common::logging::LogRecord& r) {
-        return r.loggerName == "qor.nav.sdk.utils.FunctionExecutionScheduler.Void" && r.text == "stopped.\n";
-    }));
-    EXPECT_EQ(0, job->started());
+
+    RecordingLogSink::Installation m_Sink;
+    ScopedTickCounter m_Ticks;
+};
+
+TEST_F(FunctionExecutionSchedulerTest, WorkerHandsOutIdsAndRecordsAndDecidesItsNextAction)
+{
+    unsigned int timeout = 0;
+    FunctionExecution execution;
+    Worker none("None", nullptr, 0, 0), worker("Actions", std::make_shared<BalancedStrategy>(), 0, 0);
+    EXPECT_EQ(1u, none.scheduleExecutionImmediately(nullptr).getValue());
+    EXPECT_EQ(Worker::WaitForSignal, none.getNextAction(timeout, execution));
+    EXPECT_EQ(Worker::WaitForSignal, worker.getNextAction(timeout, execution));
+    EXPECT_EQ(1u, worker.scheduleExecutionLater(nullptr, Duration(100000), Duration(7)).getValue());
+    EXPECT_EQ(Worker::WaitWithTimeout, worker.getNextAction(timeout, execution));
+    EXPECT_TRUE(timeout > 90000u && timeout <= 100000u) << timeout;
+    // Periods keep their low 32 bits; a negative delay is due at once.
+    EXPECT_EQ(2u, worker.scheduleExecutionImmediately(nullptr, Duration(4294967296L + 5)).getValue());
+    EXPECT_EQ(3u, worker.scheduleExecutionImmediately(nullptr, Duration(4294967296L)).getValue());
+    EXPECT_EQ(4u, worker.scheduleExecutionLater(nullptr, Duration(-5), Duration(-1)).getValue());
+    EXPECT_EQ(5u, worker.scheduleExecutionLater(nullptr, Duration(0)).getValue());
+    EXPECT_EQ(6u, worker.scheduleExecutionImmediately(nullptr).getValue());
+    for (const auto& pick : {std::make_pair(4ul, 4294967295u), {2ul, 5u}, {5ul, 0u}, {3ul, 0u}, {6ul, 0u}}) {
+        ASSERT_EQ(Worker::Execute, worker.getNextAction(timeout, execution));
+        EXPECT_EQ(pick, std::make_pair(execution.id.getValue(), execution.period));
+    }
+    EXPECT_EQ(Worker::WaitWithTimeout, worker.getNextAction(timeout, execution));
+    worker.shutdown();
+    EXPECT_EQ(Worker::Stop, worker.getNextAction(timeout, execution));
+    for (bool illegalState : {true, false}) {
+        Worker broken("Broken", std::make_shared<FailingStrategy>(illegalState), 0, 0);
+        EXPECT_THROW(broken.scheduleExecutionImmediately(nullptr), std::runtime_error);
+        EXPECT_EQ(2u, broken.scheduleExecutionLater(nullptr, Duration(0)).getValue()); // unlocked, id consumed
+        EXPECT_EQ(Worker::WaitForSignal, broken.getNextAction(timeout, execution));
+    }
+    EXPECT_EQ((Strings{"5 Broken: Unexpected exception while handling getNextAction: strategy broken\n",
+                       "5 Broken: Unexpected exception while handling getNextAction.\n"}),
+              lines());
 }
 
-TEST(FunctionExecutionSchedulerTest, FailuresReachTheCallerAndRepeatedShutdownIsHarmless)
+TEST_F(FunctionExecutionSchedulerTest, PeriodicRecordIsQueuedAgainWithPeriodMinusRunTimeAndSlowRunsAreLogged)
 {
-    auto strategy = std::make_shared<RefusingStrategy>();
-    FunctionExecutionScheduler scheduler("Refusing", strategy, 0, 0);
-    auto job = std::make_shared<CountingFunction>();
-    EXPECT_THROW(scheduler.scheduleExecutionImmediately(job), std::runtime_error);
-    EXPECT_EQ(2u, scheduler.scheduleExecutionImmediately(job).getValue()); // lock released, id consumed
+    auto strategy = std::make_shared<BalancedStrategy>();
+    Worker worker("Periodic", strategy, 0, 0);
+    // Runs a record on this thread for exactly `runMs` on the tick counter
+    // (again while the counter moves by itself); returns the tick after it.
+    auto runFor = [&](FunctionExecution execution, std::uint32_t runMs) {
+        execution.function = std::make_shared<CountingFunction>([&] { m_Ticks.advance(runMs); });
+        for (std::uint32_t start = 0;; m_Sink->clear()) {
+            while (!strategy->empty()) {
+                strategy->getNextTimedFunctionExecution();
+            }
+            start = qor::common::system::Clock::getTickCounter();
+            worker.executeFunction(execution);
+            if (qor::common::system::Clock::getTickCounter() - start == runMs) {
+                return start + runMs;
+            }
+        }
+    };
+    const std::uint32_t cases[][3] = {{50, 30, 20}, {50, 70, 0}, {1u << 31, 0, 0}, {1u << 31, 1, (1u << 31) - 1}};
+    for (const auto& c : cases) { // period, run time, delay of the next run
+        const std::uint32_t due = runFor({FunctionExecutionId(42), nullptr, c[0]}, c[1]) + c[2];
+        EXPECT_TRUE(strategy->hasPendingTimedFunctionExecution(due) && !strategy->hasPendingTimedFunctionExecution(due - 1))
+            << c[0] << " " << c[1];
+        const FunctionExecution again = strategy->getNextTimedFunctionExecution();
+        EXPECT_EQ(std::make_pair(42ul, c[0]), std::make_pair(again.id.getValue(), again.period));
+    }
+    m_Sink->clear();
+    runFor({}, 99);
+    EXPECT_TRUE(strategy->empty()); // period 0: once
+    const Strings fast = {"1 Periodic: execute functionExecution " + kName + " started\n",
+                          "1 Periodic: execute functionExecution " + kName + " finished\n"};
+    EXPECT_EQ(fast, lines());
+    m_Sink->clear();
+    runFor({}, 100);
+    EXPECT_EQ((Strings{fast[0], fast[1], "3 Periodic: FunctionExecution " + kName + " tooks 100\n"}), lines());
+}
+
+TEST_F(FunctionExecutionSchedulerTest, RemovalDropsQueuedWorkButNeverWaitsForARunningFunction)
+{
+    Scheduler scheduler("Remove", 0, 0);
     scheduler.start();
-    EXPECT_TRUE(job->waitForRuns(1));
-
-    scheduler.shutdown();
-    scheduler.shutdown();
-    EXPECT_EQ(3u, scheduler.scheduleExecutionImmediately(job, Duration(1)).getValue());
-    EXPECT_EQ(1, job.use_count());
-    ASSERT_EQ(1u, strategy->added().size());
-    EXPECT_EQ(2u, strategy->added()[0].id);
+    Latch entered(1), release(1);
+    auto blocking = std::make_shared<CountingFunction>([&] { entered.countDown(), release.waitFor(); });
+    auto marker = std::make_shared<CountingFunction>();
+    const FunctionExecutionId id = scheduler.scheduleExecutionImmediately(blocking, Duration(60000));
+    ASSERT_TRUE(entered.waitFor());
+    scheduler.asyncRemoveFunctionExecution(id); // misses the running record
+    scheduler.scheduleExecutionImmediately(marker);
+    release.countDown();
+    ASSERT_TRUE(marker->waitForRuns(1)); // so the periodic record is queued again
+    scheduler.asyncRemoveFunctionExecution(id);
+    m_Ticks.advance(120000);
+    scheduler.scheduleExecutionLater(marker, Duration(0));
+    ASSERT_TRUE(marker->waitForRuns(2)); // an earlier due record would have come first
+    EXPECT_EQ(1, blocking->started());
+    EXPECT_EQ(1, blocking.use_count());
 }
 
-TEST(FunctionExecutionSchedulerTest, FunctionMayShutDownAnotherSchedulerAfterItsRunningWork)
+TEST_F(FunctionExecutionSchedulerTest, ShutdownWaitsForTheRunningFunctionExceptOnItsOwnThread)
 {
-    FunctionExecutionScheduler target("Target", 0, 0);
-    FunctionExecutionScheduler caller("Caller", 0, 0);
-    auto running = std::make_shared<qor::test::BlockingFunction>();
-    auto queued = std::make_shared<CountingFunction>();
-    target.scheduleExecutionImmediately(running);
-    target.scheduleExecutionLater(queued, Duration(60000));
-    target.start();
-    ASSERT_TRUE(running->entered.waitFor());
-
-    qor::test::Latch stopping(1);
-    std::atomic<int> runsSeenAfterStop{-1};
-    std::atomic<long> queuedOwnersAfterStop{-1};
-    auto stopper = std::make_shared<CountingFunction>([&] {
-        stopping.countDown();
-        target.shutdown(); // joins the target's thread from the caller's
-        runsSeenAfterStop = running->runs();
-        queuedOwnersAfterStop = queued.use_count();
-    });
-    caller.start();
-    caller.scheduleExecutionImmediately(stopper);
-    ASSERT_TRUE(stopping.waitFor());
-    EXPECT_EQ(0, stopper->runs()); // cannot finish while the target's function blocks
-    running->release();
+    Scheduler self("Self", 0, 0), target("Target", 0, 0);
+    auto inner = std::make_shared<CountingFunction>();
+    auto stopper = std::make_shared<CountingFunction>([&] { self.shutdown(); });
+    self.scheduleExecutionImmediately(std::make_shared<CountingFunction>([&] {
+        self.asyncRemoveFunctionExecution(self.scheduleExecutionLater(inner, Duration(100000)));
+        self.scheduleExecutionImmediately(inner);
+        self.scheduleExecutionLater(stopper, Duration(0));
+    }));
+    self.start();
     ASSERT_TRUE(stopper->waitForRuns(1));
+    EXPECT_EQ(1, inner->runs());
+    EXPECT_EQ(5u, self.scheduleExecutionImmediately(inner).getValue()); // a fresh id, nothing queued
+    EXPECT_EQ(1, inner.use_count());
+    self.shutdown(); // again: harmless
 
-    EXPECT_EQ(1, runsSeenAfterStop.load());     // shutdown() waited for the running function
-    EXPECT_EQ(1, queuedOwnersAfterStop.load()); // and dropped the queue before it returned
-    EXPECT_EQ(0, queued->started());
-    auto after = std::make_shared<CountingFunction>();
-    caller.scheduleExecutionImmediately(after);
-    EXPECT_TRUE(after->waitForRuns(1)); // the caller goes on working
-    target.shutdown();
+    Latch entered(1), release(1), stopping(1);
+    target.scheduleExecutionImmediately(std::make_shared<CountingFunction>([&] { entered.countDown(), release.waitFor(); }));
+    target.scheduleExecutionLater(inner, Duration(60000));
+    target.start();
+    ASSERT_TRUE(entered.waitFor());
+    long owners = 0;
+    std::thread other([&] { stopping.countDown(), target.shutdown(), owners = inner.use_count(); });
+    ASSERT_TRUE(stopping.waitFor());
+    EXPECT_EQ(1, release.isOpen() ? 0 : 1); // shutdown() waits for the running function
+    release.countDown();
+    other.join();
+    EXPECT_EQ(1, owners); // and has dropped the queued one when it returns
 }
 
-// Clients schedule and remove work at random while the worker runs; some
-// functions remove their own id while running (a deadlock if removal waited).
-TEST(FunctionExecutionSchedulerStressTest, ConcurrentClientsNeitherLoseNorRepeatOneShotWork)
+TEST_F(FunctionExecutionSchedulerTest, WatchdogNamedAfterTheSchedulerReportsASilentRunOnce)
 {
-    constexpr int kClients = 4;
-    constexpr int kOperationsPerClient = 1000;
-    enum Kind { Immediate, Delayed, Periodic };
+    auto isReport = [](const LogRecord& r) {
+        return r.loggerName == "qor.common.watchdog.WatchDog" && r.text.rfind("WatchDog DogWatchdog not refreshed for ", 0) == 0;
+    };
+    Scheduler scheduler("Dog", 20, 0);
+    auto silent = std::make_shared<CountingFunction>([&] { m_Sink->waitFor(isReport); });
+    scheduler.scheduleExecutionImmediately(silent);
+    scheduler.start();
+    ASSERT_TRUE(silent->waitForRuns(1));
+    scheduler.shutdown();
+    EXPECT_EQ(1u, m_Sink->count(isReport));
+}
+
+// Clients schedule and remove work at random while the worker runs; each
+// function removes its own id while it runs (a deadlock if removal waited).
+// Work queued before start(), a null function and throwing ones run too.
+TEST_F(FunctionExecutionSchedulerTest, ConcurrentClientsNeitherLoseNorRepeatOneShotWork)
+{
     struct Job
     {
-        FunctionExecutionId id;
         std::shared_ptr<CountingFunction> function;
-        Kind kind;
-        bool removed;
+        unsigned long id;
+        bool once, removed;
     };
-
-    FunctionExecutionScheduler scheduler("Stress", 0, 0);
-    std::atomic<bool> shutdownReturned{false};
+    std::atomic<bool> stopped{false};
     std::atomic<int> lateRuns{0};
+    std::vector<std::vector<Job>> jobs(5); // the last one is nobody's to remove
+    jobs[4].push_back({std::make_shared<CountingFunction>(), 1, true, false});
+    jobs[4].push_back({std::make_shared<CountingFunction>([] { throw std::runtime_error("boom"); }), 3, true, false});
+    jobs[4].push_back({std::make_shared<CountingFunction>([] { throw 42; }), 4, true, false});
+    Scheduler scheduler("Stress", 0, 0);
+    scheduler.scheduleExecutionImmediately(jobs[4][0].function);
+    scheduler.scheduleExecutionImmediately(nullptr);
+    (void)scheduler.scheduleExecutionImmediately(jobs[4][1].function, Duration(1)); // periodic, but not after throwing
+    (void)scheduler.scheduleExecutionLater(jobs[4][2].function, Duration(0), Duration(1));
     scheduler.start();
-
-    std::vector<std::vector<Job>> jobs(kClients);
+    EXPECT_THROW(scheduler.start(), qor::common::errors::IllegalStateException);
     std::vector<std::thread> clients;
-    for (int c = 0; c < kClients; ++c)
-    {
+    for (unsigned c = 0; c < 4; ++c) {
         clients.emplace_back([&, c] {
-            std::mt19937 random(1234u + static_cast<unsigned>(c));
-            std::vector<Job>& mine = jobs[c];
-            for (int op = 0; op < kOperationsPerClient; ++op)
-            {
+            std::mt19937 random(c);
+            for (std::vector<Job>& mine = jobs[c]; mine.size() < 800;) {
                 const unsigned dice = random() % 10;
-                if (dice >= 8 && !mine.empty())
-                {
+                if (dice >= 8 && !mine.empty()) {
                     Job& victim = mine[random() % mine.size()];
-                    scheduler.asyncRemoveFunctionExecution(victim.id);
                     victim.removed = true;
+                    scheduler.asyncRemoveFunctionExecution(FunctionExecutionId(victim.id));
                     continue;
                 }
-                const Kind kind = dice < 3 ? Immediate : dice < 6 ? Delayed : Periodic;
-                auto ownId = std::make_shared<std::atomic<std::uint64_t>>(0);
-                const bool selfRemoving = random() % 4 == 0;
-                auto function = std::make_shared<CountingFunction>([&, ownId, selfRemoving] {
-                    if (shutdownReturned.load())
-                    {
-                        ++lateRuns;
-                    }
-                    if (selfRemoving)
-                    {
-                        scheduler.asyncRemoveFunctionExecution(FunctionExecutionId(ownId->load()));
-                    }
+                auto id = std::make_shared<std::atomic<unsigned long>>(0);
+                auto function = std::make_shared<CountingFunction>([&, id] {
+                    lateRuns += stopped ? 1 : 0;
+                    scheduler.asyncRemoveFunctionExecution(FunctionExecutionId(id->load()));
                 });
-                FunctionExecutionId id;
-                switch (kind)
-                {
-                case Immediate:
-                    id = scheduler.scheduleExecutionImmediately(function);
-                    break;
-                case Delayed:
-                    id = scheduler.scheduleExecutionLater(function, Duration(random() % 20));
-                    break;
-                case Periodic:
-                    id = random() % 2 == 0
-                             ? scheduler.scheduleExecutionImmediately(function, Duration(1 + random() % 5))
-                             : scheduler.scheduleExecutionLater(function, Duration(random() % 10),
-                                                                Duration(1 + random() % 5));
-                    break;
-                }
-                ownId->store(id.getValue());
-                mine.push_back(Job{id, function, kind, false});
+                const Duration delay(random() % 20), period(1 + random() % 5);
+                *id = (dice < 3   ? scheduler.scheduleExecutionImmediately(function)
+                       : dice < 6 ? scheduler.scheduleExecutionLater(function, delay)
+                       : dice < 7 ? scheduler.scheduleExecutionImmediately(function, period)
+                                  : scheduler.scheduleExecutionLater(function, delay, period))
+                          .getValue();
+                mine.push_back(Job{function, id->load(), dice < 6, false});
             }
         });
     }
-    for (std::thread& client : clients)
-    {
-        client.join();
-    }
-
-    std::set<std::uint64_t> ids;
-    std::vector<const Job*> once; // one-shot work never removed
-    for (const std::vector<Job>& mine : jobs)
-    {
-        for (const Job& job : mine)
-        {
-            ASSERT_TRUE(ids.insert(job.id.getValue()).second) << "id " << job.id.getValue() << " handed out twice";
-            if (job.kind != Periodic && !job.removed)
-            {
-                once.push_back(&job);
-            }
+    std::vector<const Job*> all;
+    for (unsigned c = 0; c < jobs.size(); ++c) {
+        if (c < clients.size()) {
+            clients[c].join();
+        }
+        for (const Job& job : jobs[c]) {
+            all.push_back(&job);
         }
     }
-    ASSERT_TRUE(qor::test::waitUntil([&] {
-        return std::all_of(once.begin(), once.end(), [](const Job* job) { return job->function->runs() > 0; });
+    EXPECT_TRUE(waitUntil([&] {
+        return std::none_of(all.begin(), all.end(), [](auto j) { return j->once && !j->removed && j->function->started() == 0; });
     })) << "a queued one-shot function never ran";
-
+    scheduler.refreshWatchdog();
     scheduler.shutdown();
-    shutdownReturned.store(true);
+    stopped = true;
+    std::set<unsigned long> ids;
+    for (const Job* job : all) {
+        EXPECT_TRUE(ids.insert(job->id).second) << "id " << job->id << " handed out twice";
+        EXPECT_EQ(job->once && !job->removed ? 1 : std::min(job->function->started(), 1), std::min(job->function->started(), job->once ? 2 : 1)) << job->id;
+        EXPECT_EQ(1, job->function.use_count()) << "the scheduler still holds id " << job->id;
+    }
     EXPECT_EQ(0, lateRuns.load()) << "a function ran after shutdown() returned";
-    for (const std::vector<Job>& mine : jobs)
-    {
-        for (const Job& job : mine)
-        {
-            if (job.kind != Periodic)
-            {
-                EXPECT_EQ(job.removed ? job.function->started() : 1, job.function->runs()) << "id " << job.id.getValue();
-                EXPECT_LE(job.function->started(), 1) << "id " << job.id.getValue();
-            }
-            EXPECT_EQ(1, job.function.use_count()) << "the scheduler still holds id " << job.id.getValue();
-        }
+    const Strings logged = lines();
+    for (const char* line : {"3 Stress: started.\n", "3 Stress: stopped.\n", "1 Stress: execute functionExecution  started\n",
+                             "1 Stress: execute functionExecution  finished\n",
+                             "5 Stress: Unexpected exception while handling functionExecution: boom\n",
+                             "5 Stress: Unexpected exception while handling functionExecution.\n"}) {
+        EXPECT_EQ(1, std::count(logged.begin(), logged.end(), line)) << line;
     }
 }
 
