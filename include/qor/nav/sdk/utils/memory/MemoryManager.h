@@ -87,7 +87,7 @@ public:
     // status and notifies the listeners of a change of level before it
     // returns; an exception from a listener passes out of this call, with the
     // chunks already taken.
-    bool requestChunks(unsigned long count);
+    [[nodiscard]] bool requestChunks(unsigned long count);
 
     // Gives `count` chunks back, recomputes consumption and status and
     // notifies the listeners of a change of level. Returning more chunks than

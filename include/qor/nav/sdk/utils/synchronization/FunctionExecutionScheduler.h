@@ -86,12 +86,13 @@ public:
     // Runs `function` once, as soon as possible.
     FunctionExecutionId scheduleExecutionImmediately(Function::shared_ptr function);
     // Runs `function` as soon as possible and then every `period` ms.
-    FunctionExecutionId scheduleExecutionImmediately(Function::shared_ptr function, const Duration& period);
+    [[nodiscard]] FunctionExecutionId scheduleExecutionImmediately(Function::shared_ptr function,
+                                                                   const Duration& period);
     // Runs `function` once, `delay` ms from now.
     FunctionExecutionId scheduleExecutionLater(Function::shared_ptr function, const Duration& delay);
     // Runs `function` `delay` ms from now and then every `period` ms.
-    FunctionExecutionId scheduleExecutionLater(Function::shared_ptr function, const Duration& delay,
-                                               const Duration& period);
+    [[nodiscard]] FunctionExecutionId scheduleExecutionLater(Function::shared_ptr function, const Duration& delay,
+                                                             const Duration& period);
 
     // Drops the queued execution `id`. Never blocks on a running function;
     // a periodic execution that is running at the time keeps running.

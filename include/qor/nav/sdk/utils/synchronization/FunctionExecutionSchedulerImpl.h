@@ -94,12 +94,13 @@ public:
     // Runs `function` once, as soon as possible.
     FunctionExecutionId scheduleExecutionImmediately(Function::shared_ptr function);
     // Runs `function` as soon as possible and then every `period` ms (0: once).
-    FunctionExecutionId scheduleExecutionImmediately(Function::shared_ptr function, const Duration& period);
+    [[nodiscard]] FunctionExecutionId scheduleExecutionImmediately(Function::shared_ptr function,
+                                                                   const Duration& period);
     // Runs `function` once, `delay` ms from now.
     FunctionExecutionId scheduleExecutionLater(Function::shared_ptr function, const Duration& delay);
     // Runs `function` `delay` ms from now and then every `period` ms (0: once).
-    FunctionExecutionId scheduleExecutionLater(Function::shared_ptr function, const Duration& delay,
-                                               const Duration& period);
+    [[nodiscard]] FunctionExecutionId scheduleExecutionLater(Function::shared_ptr function, const Duration& delay,
+                                                             const Duration& period);
 
     // Drops the queued record `id`, if the strategy still holds it. Does not
     // wait for a running function: a periodic record that is running at the

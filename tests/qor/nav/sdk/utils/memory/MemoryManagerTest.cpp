@@ -138,7 +138,7 @@ TEST(MemoryManagerTest, ListenersHearNewestFirstAndAThrowPassesOutOfTheCall)
     Listener older(manager), middle(manager);
     {
         Listener newer(manager, true);
-        EXPECT_THROW(manager.requestChunks(71), std::runtime_error);
+        EXPECT_THROW((void)manager.requestChunks(71), std::runtime_error);
         EXPECT_EQ((Heard{{Elevated, Normal}}), newer.heard);
     }
     EXPECT_TRUE(older.heard.empty() && middle.heard.empty()); // not reached past the throw
