@@ -43,11 +43,6 @@ void appendJsonString(std::string& to, std::string_view text)
     to += '"';
 }
 
-std::string memberJson(const simdjson::dom::object& object, const char* key)
-{
-    simdjson::dom::element value;
-    return object[key].get(value) == simdjson::SUCCESS ? simdjson::minify(value) : std::string();
-}
 
 } // namespace
 
@@ -142,8 +137,8 @@ ThreadState& TracePass::threadOf(const Event& event)
     m_Threads.emplace_back();
     ThreadState& thread = m_Threads.back();
     thread.id = event.thread;
-    thread.pidJson = memberJson(event.object, "pid");
-    thread.tidJson = memberJson(event.object, "tid");
+    thread.pidJson = event.hasPid ? simdjson::minify(event.pid) : std::string();
+    thread.tidJson = event.hasTid ? simdjson::minify(event.tid) : std::string();
     return thread;
 }
 

@@ -614,9 +614,14 @@ bool TraceReader::interpret(Event& event)
     event.thread.clear();
     event.hasTime = event.hasDuration = event.namesThread = false;
     event.threadName = {};
-    simdjson::dom::element pid;
-    simdjson::dom::element tid;
+    // Default elements are not valid values: only those found are looked at.
+    simdjson::dom::element& pid = event.pid;
+    simdjson::dom::element& tid = event.tid;
     simdjson::dom::element args;
+    bool& hasPid = event.hasPid;
+    bool& hasTid = event.hasTid;
+    hasPid = hasTid = false;
+    bool hasArgs = false;
     for (const auto field : event.object)
     {
         const std::string_view key = field.key;
@@ -640,14 +645,17 @@ bool TraceReader::interpret(Event& event)
         else if (key == "pid")
         {
             pid = field.value;
+            hasPid = true;
         }
         else if (key == "tid")
         {
             tid = field.value;
+            hasTid = true;
         }
         else if (key == "args")
         {
             args = field.value;
+            hasArgs = true;
         }
         if (!ok)
         {
@@ -666,14 +674,20 @@ bool TraceReader::interpret(Event& event)
              "a \"" + std::string(phase) + "\" event without a numeric \"" + (event.hasTime ? "dur" : "ts") + "\"");
         return false;
     }
-    appendId(event.thread, pid);
+    if (hasPid)
+    {
+        appendId(event.thread, pid);
+    }
     event.thread += '/';
-    appendId(event.thread, tid);
+    if (hasTid)
+    {
+        appendId(event.thread, tid);
+    }
     if (phase == "M" && event.name == "thread_name")
     {
         event.namesThread = true;
         simdjson::dom::element name;
-        if (args["name"].get(name) == simdjson::SUCCESS)
+        if (hasArgs && args["name"].get(name) == simdjson::SUCCESS)
         {
             if (name.get_string().get(event.threadName) != simdjson::SUCCESS)
             {

@@ -80,6 +80,10 @@ struct Event
     std::string_view phase;         // "ph", empty when missing
     std::string_view name;          // "name", empty when missing
     std::string thread;             // "pid/tid" as written, identifies the thread
+    bool hasPid = false;            // the "pid" and "tid" members, when present
+    bool hasTid = false;
+    simdjson::dom::element pid;
+    simdjson::dom::element tid;
     bool hasTime = false;           // "ts" present (required for B, E, X, i and I)
     std::int64_t time = 0;          // "ts" in nanoseconds
     bool hasDuration = false;       // "dur" present
