@@ -175,8 +175,8 @@ void TracePass::event(const Event& event)
     const bool rewrite = m_Format == Format::Complete;
     if (phase == "B" || phase == "E" || phase == "i" || phase == "I")
     {
-        time = spread(thread, time);
         thread.latest = time;
+        time = spread(thread, time);
     }
     if (phase == "B")
     {
@@ -336,8 +336,9 @@ std::vector<std::string> TracePass::finish()
         }
         while (!thread.open.empty())
         {
+            // Closed innermost first, each one a moment after the last event.
             const OpenSection& section = thread.open.back();
-            const std::int64_t end = std::max(thread.latest, section.begin);
+            const std::int64_t end = std::max(spread(thread, thread.latest), section.begin);
             if (m_Format == Format::Complete)
             {
                 fillDuration(section.placeholder, end - section.begin);

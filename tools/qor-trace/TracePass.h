@@ -95,7 +95,7 @@ struct ThreadState
     bool timed = false;
     std::int64_t first = 0;  // earliest and latest time stamp, ns
     std::int64_t last = 0;
-    std::int64_t latest = 0;  // the last time stamp in file order, as written
+    std::int64_t latest = 0;  // the last time stamp of a section or instant event, in file order
     std::int64_t tieTime = 0;
     int tieIndex = -1;
 };
