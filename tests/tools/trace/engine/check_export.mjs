@@ -41,6 +41,10 @@ for (const source of sources) {
 for (const [tid, stack] of open) for (const section of stack) section.end = last.get(tid);
 
 polyfillDOMRect();
+// Node 18 (Debian 12) lacks this one; the engine's insights use it.
+Array.prototype.toSorted ??= function(compare) {
+  return [...this].sort(compare);
+};
 const model = Trace.TraceModel.Model.createWithAllHandlers();
 await model.parse(JSON.parse(fs.readFileSync(exported, 'utf8')).traceEvents);
 const {Renderer} = model.parsedTrace().data;
