@@ -171,7 +171,7 @@ enum class TraceReader::Scan
 TraceReader::TraceReader()
     : m_Source(nullptr), m_Handler(nullptr), m_Parser(kMaxEventSize + simdjson::SIMDJSON_PADDING), m_Buffer(), m_End(0),
       m_Pos(0), m_Base(0), m_Line(1), m_AtEnd(false), m_ScanOffset(0), m_ScanDepth(0), m_ScanInString(false),
-      m_ScanEscape(false), m_ScanLines(0), m_Key(), m_State(State::Start), m_SeenEvents(false), m_Event(),
+      m_ScanEscape(false), m_ScanLines(0), m_Key(), m_State(State::Start), m_SeenEvents(false), m_LastNumbered(false), m_LastPid(0), m_LastTid(0), m_Event(),
       m_Result()
 {
 }
@@ -191,6 +191,7 @@ ReadResult TraceReader::read(Source& source, EventHandler& handler)
     m_ScanLines = 0;
     m_State = State::Start;
     m_SeenEvents = false;
+    m_LastNumbered = false;
     m_Result = ReadResult();
 
     bool cut = false;
@@ -611,7 +612,6 @@ bool TraceReader::interpret(Event& event)
 {
     event.phase = {};
     event.name = {};
-    event.thread.clear();
     event.hasTime = event.hasDuration = event.namesThread = false;
     event.threadName = {};
     // Default elements are not valid values: only those found are looked at.
@@ -674,15 +674,27 @@ bool TraceReader::interpret(Event& event)
              "a \"" + std::string(phase) + "\" event without a numeric \"" + (event.hasTime ? "dur" : "ts") + "\"");
         return false;
     }
-    if (hasPid)
+    // Most events are of the thread before, by number: keep its id then.
+    std::int64_t pidNumber = 0;
+    std::int64_t tidNumber = 0;
+    const bool numbered = hasPid && hasTid && pid.get_int64().get(pidNumber) == simdjson::SUCCESS &&
+                          tid.get_int64().get(tidNumber) == simdjson::SUCCESS;
+    if (!numbered || !m_LastNumbered || pidNumber != m_LastPid || tidNumber != m_LastTid)
     {
-        appendId(event.thread, pid);
+        event.thread.clear();
+        if (hasPid)
+        {
+            appendId(event.thread, pid);
+        }
+        event.thread += '/';
+        if (hasTid)
+        {
+            appendId(event.thread, tid);
+        }
     }
-    event.thread += '/';
-    if (hasTid)
-    {
-        appendId(event.thread, tid);
-    }
+    m_LastNumbered = numbered;
+    m_LastPid = pidNumber;
+    m_LastTid = tidNumber;
     if (phase == "M" && event.name == "thread_name")
     {
         event.namesThread = true;

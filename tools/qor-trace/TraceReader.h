@@ -167,6 +167,9 @@ private:
     std::string m_KeyText;       // and as written
     State m_State;
     bool m_SeenEvents;
+    bool m_LastNumbered;         // the last event's pid and tid, when both were integers
+    std::int64_t m_LastPid;
+    std::int64_t m_LastTid;
     Event m_Event;
     ReadResult m_Result;
 };
