@@ -103,7 +103,7 @@ bool Output::finish()
 }
 
 TracePass::TracePass(Format format, Output* output)
-    : m_Format(format), m_Output(output), m_Threads(), m_ThreadIndex(), m_LastThread(0), m_Events(0), m_Written(0),
+    : m_Format(format), m_Output(output), m_Threads(), m_ThreadIndex(), m_NumberIndex(), m_LastThread(0), m_Events(0), m_Written(0),
       m_DroppedEnds(0), m_PairedAcross(0), m_Files(0), m_HeaderWritten(false), m_MemberKeys(), m_MembersBefore(), m_MembersAfter(),
       m_Scratch()
 {
@@ -122,21 +122,36 @@ void TracePass::member(std::string_view key, std::string_view text, bool afterEv
 
 ThreadState& TracePass::threadOf(const Event& event)
 {
-    if (m_LastThread < m_Threads.size() && m_Threads[m_LastThread].id == event.thread)
+    if (m_LastThread < m_Threads.size())
     {
-        return m_Threads[m_LastThread];
+        const ThreadState& last = m_Threads[m_LastThread];
+        if (event.numbered ? last.numbered && last.pidNumber == event.pidNumber && last.tidNumber == event.tidNumber
+                           : !last.numbered && last.id == event.thread)
+        {
+            return m_Threads[m_LastThread];
+        }
     }
-    const auto found = m_ThreadIndex.find(event.thread);
-    if (found != m_ThreadIndex.end())
+    const auto numbers = std::make_pair(event.pidNumber, event.tidNumber);
+    if (event.numbered ? m_NumberIndex.count(numbers) != 0 : m_ThreadIndex.count(event.thread) != 0)
     {
-        m_LastThread = found->second;
+        m_LastThread = event.numbered ? m_NumberIndex[numbers] : m_ThreadIndex[event.thread];
         return m_Threads[m_LastThread];
     }
     m_LastThread = m_Threads.size();
-    m_ThreadIndex.emplace(event.thread, m_LastThread);
+    if (event.numbered)
+    {
+        m_NumberIndex.emplace(numbers, m_LastThread);
+    }
+    else
+    {
+        m_ThreadIndex.emplace(event.thread, m_LastThread);
+    }
     m_Threads.emplace_back();
     ThreadState& thread = m_Threads.back();
-    thread.id = event.thread;
+    thread.id = threadId(event);
+    thread.numbered = event.numbered;
+    thread.pidNumber = event.pidNumber;
+    thread.tidNumber = event.tidNumber;
     thread.pidJson = event.hasPid ? simdjson::minify(event.pid) : std::string();
     thread.tidJson = event.hasTid ? simdjson::minify(event.tid) : std::string();
     return thread;

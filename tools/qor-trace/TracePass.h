@@ -30,6 +30,7 @@
 #include "TraceReader.h"
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -83,6 +84,9 @@ struct OpenSection
 struct ThreadState
 {
     std::string id;        // "pid/tid"
+    bool numbered = false;  // found by integer pid and tid (see Event)
+    std::int64_t pidNumber = 0;
+    std::int64_t tidNumber = 0;
     std::string name;      // from its first thread_name event, else empty
     std::string pidJson;   // "pid" and "tid" as JSON, for the ends that a repair writes
     std::string tidJson;
@@ -129,7 +133,8 @@ private:
     Format m_Format;
     Output* m_Output;
     std::vector<ThreadState> m_Threads;
-    std::unordered_map<std::string, std::size_t> m_ThreadIndex;
+    std::unordered_map<std::string, std::size_t> m_ThreadIndex;         // by id text
+    std::map<std::pair<std::int64_t, std::int64_t>, std::size_t> m_NumberIndex;  // by integer pid and tid
     std::size_t m_LastThread;
     std::uint64_t m_Events;
     std::uint64_t m_Written;

@@ -21,6 +21,9 @@ namespace {
 
 constexpr std::size_t kChunk = std::size_t(1) << 20;
 
+// How many bytes of whole lines takeBlock() parses in one go.
+constexpr std::size_t kBlock = std::size_t(128) << 10;
+
 bool isSpace(char c)
 {
     return c == ' ' || c == '\n' || c == '\r' || c == '\t';
@@ -127,6 +130,21 @@ public:
 
 } // namespace
 
+std::string threadId(const Event& event)
+{
+    std::string id;
+    if (event.hasPid)
+    {
+        appendId(id, event.pid);
+    }
+    id += '/';
+    if (event.hasTid)
+    {
+        appendId(id, event.tid);
+    }
+    return id;
+}
+
 long FileSource::read(char* into, std::size_t size)
 {
     for (;;)
@@ -171,13 +189,14 @@ enum class TraceReader::Scan
 TraceReader::TraceReader()
     : m_Source(nullptr), m_Handler(nullptr), m_Parser(kMaxEventSize + simdjson::SIMDJSON_PADDING), m_Buffer(), m_End(0),
       m_Pos(0), m_Base(0), m_Line(1), m_AtEnd(false), m_ScanOffset(0), m_ScanDepth(0), m_ScanInString(false),
-      m_ScanEscape(false), m_ScanLines(0), m_Key(), m_State(State::Start), m_SeenEvents(false), m_LastNumbered(false), m_LastPid(0), m_LastTid(0), m_Event(),
+      m_ScanEscape(false), m_ScanLines(0), m_Key(), m_State(State::Start), m_SeenEvents(false), m_Event(), m_Pending(), m_NeedText(true), m_Block(),
       m_Result()
 {
 }
 
-ReadResult TraceReader::read(Source& source, EventHandler& handler)
+ReadResult TraceReader::read(Source& source, EventHandler& handler, bool needText)
 {
+    m_NeedText = needText;
     m_Source = &source;
     m_Handler = &handler;
     m_Buffer.assign(kChunk + simdjson::SIMDJSON_PADDING, ' ');
@@ -191,7 +210,6 @@ ReadResult TraceReader::read(Source& source, EventHandler& handler)
     m_ScanLines = 0;
     m_State = State::Start;
     m_SeenEvents = false;
-    m_LastNumbered = false;
     m_Result = ReadResult();
 
     bool cut = false;
@@ -299,6 +317,10 @@ ReadResult TraceReader::read(Source& source, EventHandler& handler)
             m_State = State::Element;
             continue;
         case State::Element:
+            if (c == '{' && m_ScanOffset == 0 && !m_NeedText && takeBlock())
+            {
+                continue;
+            }
             // The usual layout, one event per line: parse the line at once.
             if (c == '{' && m_ScanOffset == 0)
             {
@@ -566,13 +588,89 @@ bool TraceReader::takeEvent(std::size_t begin, std::size_t end, bool quiet)
     }
     m_Event.text = std::string_view(m_Buffer.data() + begin, end - begin);
     m_Event.at = position(begin);
-    if (!interpret(m_Event))
+    if (!interpret(m_Event, true))
     {
         return false;
     }
     m_Handler->event(m_Event);
     ++m_Result.events;
     m_Result.wholeUpTo = m_Base + end;
+    return true;
+}
+
+bool TraceReader::takeBlock()
+{
+    // Whole lines "{...}", each following one starting with a comma, as far
+    // as the buffer holds them.
+    const char* const bytes = m_Buffer.data();
+    std::size_t end = m_Pos;
+    std::size_t lines = 0;
+    for (std::size_t at = m_Pos; at < m_End && at - m_Pos < kBlock; ++lines)
+    {
+        const void* const newline = std::memchr(bytes + at, '\n', m_End - at);
+        if (newline == nullptr)
+        {
+            break;
+        }
+        const std::size_t lineEnd = static_cast<const char*>(newline) - bytes;
+        std::size_t last = lineEnd;
+        while (last > at && isSpace(bytes[last - 1]))
+        {
+            --last;
+        }
+        if (last == at || bytes[last - 1] != '}')
+        {
+            break;
+        }
+        end = last;
+        at = lineEnd + 1;
+        if (at + 1 >= m_End || bytes[at] != ',' || bytes[at + 1] != '{')
+        {
+            ++lines;
+            break;
+        }
+    }
+    if (lines < 2)
+    {
+        return false;
+    }
+    m_Block.assign(1, '[');
+    m_Block.append(bytes + m_Pos, end - m_Pos);
+    m_Block += ']';
+    const std::size_t length = m_Block.size();
+    m_Block.append(simdjson::SIMDJSON_PADDING, ' ');
+    simdjson::dom::array events;
+    if (m_Parser.parse(m_Block.data(), length, false).get_array().get(events) != simdjson::SUCCESS)
+    {
+        return false;
+    }
+    // Handed over only when every element is an event: otherwise the lines
+    // are read one by one, which says where the trouble is.
+    std::size_t count = 0;
+    for (const simdjson::dom::element element : events)
+    {
+        if (m_Pending.size() == count)
+        {
+            m_Pending.emplace_back();
+        }
+        Event& event = m_Pending[count++];
+        if (element.get_object().get(event.object) != simdjson::SUCCESS || !interpret(event, false))
+        {
+            return false;
+        }
+    }
+    const Position at = position(m_Pos);
+    for (std::size_t i = 0; i < count; ++i)
+    {
+        m_Pending[i].text = {};
+        m_Pending[i].at = at;
+        m_Handler->event(m_Pending[i]);
+    }
+    m_Result.events += count;
+    m_Result.wholeUpTo = m_Base + end;
+    m_Line += lines - 1;
+    m_Pos = end;
+    m_State = State::AfterEvent;
     return true;
 }
 
@@ -608,7 +706,7 @@ bool TraceReader::takeMember(std::size_t begin, std::size_t end)
     return true;
 }
 
-bool TraceReader::interpret(Event& event)
+bool TraceReader::interpret(Event& event, bool report)
 {
     event.phase = {};
     event.name = {};
@@ -659,6 +757,10 @@ bool TraceReader::interpret(Event& event)
         }
         if (!ok)
         {
+            if (!report)
+            {
+                return false;
+            }
             fail(Ending::Broken, static_cast<std::size_t>(event.text.data() - m_Buffer.data()),
                  "the event's \"" + std::string(key) +
                      (key == "ts" || key == "dur" ? "\" is not a number of microseconds within 31 years of zero"
@@ -670,31 +772,21 @@ bool TraceReader::interpret(Event& event)
     const bool timed = phase == "B" || phase == "E" || phase == "X" || phase == "i" || phase == "I";
     if ((timed && !event.hasTime) || (phase == "X" && !event.hasDuration))
     {
+        if (!report)
+        {
+            return false;
+        }
         fail(Ending::Broken, static_cast<std::size_t>(event.text.data() - m_Buffer.data()),
              "a \"" + std::string(phase) + "\" event without a numeric \"" + (event.hasTime ? "dur" : "ts") + "\"");
         return false;
     }
-    // Most events are of the thread before, by number: keep its id then.
-    std::int64_t pidNumber = 0;
-    std::int64_t tidNumber = 0;
-    const bool numbered = hasPid && hasTid && pid.get_int64().get(pidNumber) == simdjson::SUCCESS &&
-                          tid.get_int64().get(tidNumber) == simdjson::SUCCESS;
-    if (!numbered || !m_LastNumbered || pidNumber != m_LastPid || tidNumber != m_LastTid)
+    // Integer ids, the usual kind, identify the thread without a text.
+    event.numbered = hasPid && hasTid && pid.get_int64().get(event.pidNumber) == simdjson::SUCCESS &&
+                     tid.get_int64().get(event.tidNumber) == simdjson::SUCCESS;
+    if (!event.numbered)
     {
-        event.thread.clear();
-        if (hasPid)
-        {
-            appendId(event.thread, pid);
-        }
-        event.thread += '/';
-        if (hasTid)
-        {
-            appendId(event.thread, tid);
-        }
+        event.thread = threadId(event);
     }
-    m_LastNumbered = numbered;
-    m_LastPid = pidNumber;
-    m_LastTid = tidNumber;
     if (phase == "M" && event.name == "thread_name")
     {
         event.namesThread = true;

@@ -74,12 +74,15 @@ private:
 // buffer and parser: valid during the handler call only.
 struct Event
 {
-    std::string_view text;          // the element's JSON text, as in the file
+    std::string_view text;          // the element's JSON text, as in the file (see TraceReader::read)
     Position at;                    // where it starts
     simdjson::dom::object object;   // the parsed element
     std::string_view phase;         // "ph", empty when missing
     std::string_view name;          // "name", empty when missing
-    std::string thread;             // "pid/tid" as written, identifies the thread
+    bool numbered = false;          // "pid" and "tid" are integers: they identify the thread
+    std::int64_t pidNumber = 0;
+    std::int64_t tidNumber = 0;
+    std::string thread;             // otherwise threadId() identifies it
     bool hasPid = false;            // the "pid" and "tid" members, when present
     bool hasTid = false;
     simdjson::dom::element pid;
@@ -131,8 +134,10 @@ class TraceReader
 public:
     TraceReader();
     // Reads one document from `source`, handing each whole event and member
-    // to `handler` as soon as it is complete.
-    ReadResult read(Source& source, EventHandler& handler);
+    // to `handler` as soon as it is complete. Without `needText`, events may
+    // come without their text (Event::text empty, Event::at the start of a
+    // run of lines): runs of one-event lines are then parsed in one go.
+    ReadResult read(Source& source, EventHandler& handler, bool needText = true);
 
 private:
     enum class State;
@@ -140,10 +145,11 @@ private:
 
     bool fill();
     Scan scanValue(std::size_t& end);
+    bool takeBlock();
     bool takeEvent(std::size_t begin, std::size_t end, bool quiet);
     bool takeMember(std::size_t begin, std::size_t end);
     bool takeKey(std::size_t begin, std::size_t end);
-    bool interpret(Event& event);
+    bool interpret(Event& event, bool report);
     bool fail(Ending ending, std::size_t at, const std::string& problem);
     void locateJsonError(std::size_t begin, std::size_t end, const std::string& what);
     Position position(std::size_t at) const;
@@ -167,12 +173,15 @@ private:
     std::string m_KeyText;       // and as written
     State m_State;
     bool m_SeenEvents;
-    bool m_LastNumbered;         // the last event's pid and tid, when both were integers
-    std::int64_t m_LastPid;
-    std::int64_t m_LastTid;
     Event m_Event;
+    std::vector<Event> m_Pending;  // the events of a run of lines, for takeBlock()
+    bool m_NeedText;
+    std::string m_Block;         // a run of lines as one array, for takeBlock()
     ReadResult m_Result;
 };
+
+// "pid/tid" as written, for showing a thread.
+std::string threadId(const Event& event);
 
 // Formats nanoseconds as microseconds, with only the fraction digits needed.
 std::string formatMicros(std::int64_t nanoseconds);

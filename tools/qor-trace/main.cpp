@@ -134,7 +134,7 @@ std::string where(const ReadResult& result)
 
 // Reads one file into `pass`; false (with a message) when it cannot be opened.
 bool readFile(const std::string& path, TraceReader& reader, TracePass& pass, ReadResult& result,
-              std::uint64_t& size)
+              std::uint64_t& size, bool needText)
 {
     const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     struct stat status;
@@ -149,7 +149,7 @@ bool readFile(const std::string& path, TraceReader& reader, TracePass& pass, Rea
         return false;
     }
     FileSource source(descriptor);
-    result = reader.read(source, pass);
+    result = reader.read(source, pass, needText);
     ::close(descriptor);
     size = static_cast<std::uint64_t>(status.st_size);
     return true;
@@ -222,7 +222,7 @@ int check(const Options& options)
         {
             ReadResult result;
             std::uint64_t size = 0;
-            if (!readFile(file, reader, pass, result, size))
+            if (!readFile(file, reader, pass, result, size, false))
             {
                 whole = false;
                 continue;
@@ -298,7 +298,7 @@ int rewrite(const Options& options, Format format)
     {
         ReadResult result;
         std::uint64_t size = 0;
-        if (!readFile(file, reader, pass, result, size))
+        if (!readFile(file, reader, pass, result, size, true))
         {
             ok = false;
             break;
