@@ -3,9 +3,11 @@
 //   example_timeline            # writes trace.json and trace-parts.json.001, .002, ...
 //
 // Open trace.json (or any single part) in Perfetto UI (ui.perfetto.dev,
-// "Open trace file") or chrome://tracing: one track per thread, named after
-// its foundation Thread, with the nested sections stacked and the 60 Hz
-// "VSYNC" grid on the main thread's track.
+// "Open trace file"): one track per thread, named after its foundation
+// Thread, with the nested sections stacked and the 60 Hz "VSYNC" grid on the
+// main thread's track. For Chrome DevTools and speedscope, export it first:
+// `qor-trace export trace.json -o trace-devtools.json`; `qor-trace merge
+// trace-parts.json -o all.json` joins the parts into one trace.
 #include "qor/common/system/Thread.h"
 #include "qor/nav/sdk/utils/timeline/Timeline.h"
 

@@ -5,7 +5,7 @@ QOR_DEBIAN_PACKAGES=(
   build-essential cmake ninja-build pkg-config python3
   libboost-system-dev libboost-dev
   libgtest-dev libgmock-dev
-  nlohmann-json3-dev
+  nlohmann-json3-dev libsimdjson-dev
 )
 
 # The AArch64 cross build (scripts/test aarch64): the cross compiler and the
@@ -53,4 +53,14 @@ qor_ensure_packages() {
   $sudo apt-get update -qq
   # shellcheck disable=SC2086
   DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends $missing
+}
+
+# Node.js and npm, for the test that loads qor-trace's exports into the
+# DevTools trace engine (an npm package). Debian's packages are installed only
+# where no node or npm is on the PATH, so a newer Node.js installed otherwise
+# is left alone.
+qor_ensure_node() {
+  if ! command -v node >/dev/null 2>&1 || ! command -v npm >/dev/null 2>&1; then
+    qor_ensure_packages nodejs npm
+  fi
 }

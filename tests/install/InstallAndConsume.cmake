@@ -2,7 +2,8 @@
 # consumers against it: one with find_package(qor 1.0 CONFIG), one with
 # pkg-config. When the demo is part of the build (QOR_DEMO=ON), the installed
 # qor-utils-demo then runs in a temporary folder and must leave a trace.json
-# there that parses as JSON. Run as a ctest test in script mode (-P).
+# there that parses as JSON and that the installed qor-trace calls whole. Run
+# as a ctest test in script mode (-P).
 foreach(var QOR_SOURCE_DIR QOR_BINARY_DIR QOR_WORK_DIR QOR_GENERATOR QOR_CXX_COMPILER QOR_VERSION)
   if(NOT DEFINED ${var})
     message(FATAL_ERROR "${var} is not set")
@@ -101,4 +102,5 @@ if(QOR_DEMO)
   endif()
   find_program(PYTHON3 NAMES python3 REQUIRED)
   run_step("trace.json of the installed demo parses" ${PYTHON3} -m json.tool ${demo_dir}/trace.json)
+  run_step("installed qor-trace checks it" ${prefix}/bin/qor-trace check ${demo_dir}/trace.json)
 endif()

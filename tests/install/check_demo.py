@@ -73,7 +73,7 @@ def default_run(demo, version):
         check('"Koelner Stra\u00dfe 12 und Grosse Allee", 4 replacements recorded' in out,
               "replaceCharacters records its replacements", out)
         check("Idle called" in out, "state-machine reactions are logged", out)
-        check("ui.perfetto.dev" in out and "chrome://tracing" in out, "the summary says how to open the trace", out)
+        check("ui.perfetto.dev" in out and "qor-trace export" in out, "the summary says how to open the trace", out)
 
         document = load_trace(trace)
         check(document is not None, "trace.json replaces the old file and parses as JSON")

@@ -221,9 +221,9 @@ void printSummary(const Outcome& outcome, const demo::TraceCheck& trace, const s
     {
         std::cout << "  trace        " << tracePath << ": " << trace.begins << " sections on " << trace.threadNames
                   << " named threads, " << trace.gridMarks << " VSYNC marks, " << trace.bytes << " bytes\n"
-                  << "  open it      https://ui.perfetto.dev -> \"Open trace file\", or chrome://tracing -> \"Load\"\n"
-                  << "               (one track per named thread; check it with: python3 -m json.tool " << s_TraceFile
-                  << ")\n";
+                  << "  open it      https://ui.perfetto.dev -> \"Open trace file\" (one track per named thread);\n"
+                  << "               for Chrome DevTools or speedscope: qor-trace export " << s_TraceFile
+                  << " -o trace-devtools.json\n";
     }
     std::cout << std::flush;
 }

@@ -1,5 +1,6 @@
 // Records nested timed sections of any number of threads as trace-event JSON,
-// for viewing in a trace viewer (Perfetto UI, chrome://tracing).
+// for viewing in a trace viewer (Perfetto UI directly; Chrome DevTools and
+// speedscope through `qor-trace export`).
 //
 //   Timeline timeline;
 //   timeline.startSession(std::fopen("trace.json", "w"));   // or startMultipartSession("trace.json", 1 << 20)
