@@ -1,6 +1,6 @@
 // The scheduler and its worker: the loop's decisions, periodic rescheduling,
-// the exact log records, removal, shutdown from any thread, the watchdog, and
-// concurrent clients.
+// the exact log records, removal, shutdown from any thread and the watchdog.
+// Many clients at once are the soak program's part.
 #include "qor/nav/sdk/utils/synchronization/FunctionExecutionScheduler.h"
 
 #include "qor/common/errors/IllegalStateException.h"
@@ -11,8 +11,6 @@
 
 #include <gtest/gtest.h>
 
-#include <random>
-#include <set>
 #include <thread>
 
 namespace {
@@ -202,86 +200,34 @@ TEST_F(FunctionExecutionSchedulerTest, WatchdogNamedAfterTheSchedulerReportsASil
     EXPECT_EQ(1u, m_Sink->count(isReport));
 }
 
-// Clients schedule and remove work at random while the worker runs; each
-// function removes its own id while it runs (a deadlock if removal waited).
-// Work queued before start(), a null function and throwing ones run too.
-TEST_F(FunctionExecutionSchedulerTest, ConcurrentClientsNeitherLoseNorRepeatOneShotWork)
+// Work queued before start() runs once in the worker's order between its
+// "started." and "stopped." records; a null function runs as a nameless one,
+// and a throwing function is logged and not queued again, even if periodic.
+TEST_F(FunctionExecutionSchedulerTest, QueuedWorkRunsOnceAndThrowingWorkIsLoggedAndDropped)
 {
-    struct Job
-    {
-        std::shared_ptr<CountingFunction> function;
-        unsigned long id;
-        bool once, removed;
-    };
-    std::atomic<bool> stopped{false};
-    std::atomic<int> lateRuns{0};
-    std::vector<std::vector<Job>> jobs(5); // the last one is nobody's to remove
-    jobs[4].push_back({std::make_shared<CountingFunction>(), 1, true, false});
-    jobs[4].push_back({std::make_shared<CountingFunction>([] { throw std::runtime_error("boom"); }), 3, true, false});
-    jobs[4].push_back({std::make_shared<CountingFunction>([] { throw 42; }), 4, true, false});
-    Scheduler scheduler("Stress", 0, 0);
-    scheduler.scheduleExecutionImmediately(jobs[4][0].function);
+    Scheduler scheduler("Life", 0, 0);
+    auto once = std::make_shared<CountingFunction>();
+    auto boom = std::make_shared<CountingFunction>([] { throw std::runtime_error("boom"); });
+    auto odd = std::make_shared<CountingFunction>([] { throw 42; });
+    scheduler.scheduleExecutionImmediately(once);
     scheduler.scheduleExecutionImmediately(nullptr);
-    (void)scheduler.scheduleExecutionImmediately(jobs[4][1].function, Duration(1)); // periodic, but not after throwing
-    (void)scheduler.scheduleExecutionLater(jobs[4][2].function, Duration(0), Duration(1));
+    (void)scheduler.scheduleExecutionImmediately(boom, Duration(1));
+    (void)scheduler.scheduleExecutionLater(odd, Duration(0), Duration(1));
     scheduler.start();
     EXPECT_THROW(scheduler.start(), qor::common::errors::IllegalStateException);
-    std::vector<std::thread> clients;
-    for (unsigned c = 0; c < 4; ++c) {
-        clients.emplace_back([&, c] {
-            std::mt19937 random(c);
-            for (std::vector<Job>& mine = jobs[c]; mine.size() < 800;) {
-                const unsigned dice = random() % 10;
-                if (dice >= 8 && !mine.empty()) {
-                    Job& victim = mine[random() % mine.size()];
-                    victim.removed = true;
-                    scheduler.asyncRemoveFunctionExecution(FunctionExecutionId(victim.id));
-                    continue;
-                }
-                auto id = std::make_shared<std::atomic<unsigned long>>(0);
-                auto function = std::make_shared<CountingFunction>([&, id] {
-                    lateRuns += stopped ? 1 : 0;
-                    scheduler.asyncRemoveFunctionExecution(FunctionExecutionId(id->load()));
-                });
-                const Duration delay(random() % 20), period(1 + random() % 5);
-                *id = (dice < 3   ? scheduler.scheduleExecutionImmediately(function)
-                       : dice < 6 ? scheduler.scheduleExecutionLater(function, delay)
-                       : dice < 7 ? scheduler.scheduleExecutionImmediately(function, period)
-                                  : scheduler.scheduleExecutionLater(function, delay, period))
-                          .getValue();
-                mine.push_back(Job{function, id->load(), dice < 6, false});
-            }
-        });
-    }
-    std::vector<const Job*> all;
-    for (unsigned c = 0; c < jobs.size(); ++c) {
-        if (c < clients.size()) {
-            clients[c].join();
-        }
-        for (const Job& job : jobs[c]) {
-            all.push_back(&job);
-        }
-    }
-    EXPECT_TRUE(waitUntil([&] {
-        return std::none_of(all.begin(), all.end(), [](auto j) { return j->once && !j->removed && j->function->started() == 0; });
-    })) << "a queued one-shot function never ran";
-    scheduler.refreshWatchdog();
+    ASSERT_TRUE(once->waitForRuns(1) && waitUntil([&] { return boom->started() + odd->started() == 2; }));
+    auto last = std::make_shared<CountingFunction>(); // queued behind any periodic record run again
+    scheduler.scheduleExecutionLater(last, Duration(2));
+    ASSERT_TRUE(last->waitForRuns(1));
     scheduler.shutdown();
-    stopped = true;
-    std::set<unsigned long> ids;
-    for (const Job* job : all) {
-        EXPECT_TRUE(ids.insert(job->id).second) << "id " << job->id << " handed out twice";
-        EXPECT_EQ(job->once && !job->removed ? 1 : std::min(job->function->started(), 1), std::min(job->function->started(), job->once ? 2 : 1)) << job->id;
-        EXPECT_EQ(1, job->function.use_count()) << "the scheduler still holds id " << job->id;
-    }
-    EXPECT_EQ(0, lateRuns.load()) << "a function ran after shutdown() returned";
-    const Strings logged = lines();
-    for (const char* line : {"3 Stress: started.\n", "3 Stress: stopped.\n", "1 Stress: execute functionExecution  started\n",
-                             "1 Stress: execute functionExecution  finished\n",
-                             "5 Stress: Unexpected exception while handling functionExecution: boom\n",
-                             "5 Stress: Unexpected exception while handling functionExecution.\n"}) {
-        EXPECT_EQ(1, std::count(logged.begin(), logged.end(), line)) << line;
-    }
+    EXPECT_EQ(std::make_pair(1, 1), std::make_pair(boom->started(), odd->started()));
+    EXPECT_TRUE(once.use_count() == 1 && boom.use_count() == 1 && odd.use_count() == 1);
+    const std::string run = "1 Life: execute functionExecution " + kName, error = "5 Life: Unexpected exception while handling functionExecution";
+    EXPECT_EQ((Strings{"3 Life: started.\n", run + " started\n", error + ".\n", run + " started\n", run + " finished\n",
+                       "1 Life: execute functionExecution  started\n", "1 Life: execute functionExecution  finished\n",
+                       run + " started\n", error + ": boom\n", run + " started\n", run + " finished\n",
+                       "3 Life: stopped.\n"}),
+              lines());
 }
 
 } // namespace
