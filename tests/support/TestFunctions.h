@@ -30,17 +30,12 @@ private:
     std::atomic<int> m_Started{0}, m_Runs{0};
 };
 
-// Shifts Clock::getTickCounter() for its lifetime: placeAt() makes it read
-// `tick` now, advance() as if `ms` had passed.
+// Shifts Clock::getTickCounter() for its lifetime: advance() moves it as if
+// `ms` had passed.
 class ScopedTickCounter
 {
 public:
     ~ScopedTickCounter() { common::system::Clock::setTickCounterOffset(0); }
-    void placeAt(std::uint32_t tick)
-    {
-        common::system::Clock::setTickCounterOffset(m_Offset = 0);
-        advance(tick - common::system::Clock::getTickCounter());
-    }
     void advance(std::uint32_t ms) { common::system::Clock::setTickCounterOffset(m_Offset += ms); }
 
 private:

@@ -69,7 +69,7 @@ TEST(BalancedStrategyTest, FollowsTheQueueModelUnderRandomOperations)
     const int phases[][3] = {{0, 1, 1}, {1, 1, 3}, {0, 3, 2000}, {-8, 8, 1}, {-8, 8, 2000}};
     const std::uint32_t probes[] = {0u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu};
     qor::test::ScopedTickCounter ticks;
-    ticks.placeAt(0xFFFFFFFFu - 999u);
+    ticks.advance(0xFFFFFFFFu - 999u - Clock::getTickCounter()); // just before the wrap
     std::mt19937 random(15);
     unsigned long nextId = 1;
     for (const auto& phase : phases) {
