@@ -4,13 +4,16 @@
 #include "qor/nav/sdk/utils/synchronization/FunctionExecutionScheduler.h"
 
 #include "qor/common/errors/IllegalStateException.h"
+#include "qor/common/system/Clock.h"
 #include "qor/nav/sdk/utils/synchronization/BalancedStrategy.h"
 #include "qor/nav/sdk/utils/synchronization/FunctionExecutionSchedulerImpl.h"
 #include "support/RecordingLogSink.h"
-#include "support/TestFunctions.h"
+#include "support/TestSync.h"
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <functional>
 #include <thread>
 
 namespace {
@@ -23,6 +26,21 @@ using Worker = FunctionExecutionSchedulerImpl;
 using Strings = std::vector<std::string>;
 
 const std::string kName = "PN3qor3nav3sdk5utils15synchronization8FunctionE";
+
+// started() counts the calls of execute(), runs() those that returned.
+class CountingFunction : public Function
+{
+public:
+    explicit CountingFunction(std::function<void()> body = [] {}) : m_Body(std::move(body)) {}
+    void execute() override { ++m_Started, m_Body(), ++m_Runs; }
+    int started() const { return m_Started.load(); }
+    int runs() const { return m_Runs.load(); }
+    bool waitForRuns(int n) const { return waitUntil([&] { return m_Runs.load() >= n; }); }
+
+private:
+    std::function<void()> m_Body;
+    std::atomic<int> m_Started{0}, m_Runs{0};
+};
 
 // Refuses untimed records; holds work but fails when asked how long to wait,
 // first with an IllegalStateException, then with something else.
@@ -42,7 +60,11 @@ class FunctionExecutionSchedulerTest : public ::testing::Test
 {
 protected:
     FunctionExecutionSchedulerTest() { qor::common::logging::Logger::setDefaultThreshold(qor::common::logging::LogLevel::Trace); }
-    ~FunctionExecutionSchedulerTest() override { qor::common::logging::Logger::resetThresholds(); }
+    ~FunctionExecutionSchedulerTest() override
+    {
+        qor::common::logging::Logger::resetThresholds();
+        qor::common::system::Clock::setTickCounterOffset(0);
+    }
 
     // The records of schedulers, as "<level> <scheduler>: <text>".
     Strings lines() const
@@ -57,8 +79,11 @@ protected:
         return result;
     }
 
+    // Moves Clock::getTickCounter() as if `ms` had passed.
+    void advanceTicks(std::uint32_t ms) { qor::common::system::Clock::setTickCounterOffset(m_TickOffset += ms); }
+
     RecordingLogSink::Installation m_Sink;
-    ScopedTickCounter m_Ticks;
+    std::uint32_t m_TickOffset = 0;
 };
 
 TEST_F(FunctionExecutionSchedulerTest, WorkerHandsOutIdsAndRecordsAndDecidesItsNextAction)
@@ -74,11 +99,9 @@ TEST_F(FunctionExecutionSchedulerTest, WorkerHandsOutIdsAndRecordsAndDecidesItsN
     EXPECT_TRUE(timeout > 90000u && timeout <= 100000u) << timeout;
     // Periods keep their low 32 bits; a negative delay is due at once.
     EXPECT_EQ(2u, worker.scheduleExecutionImmediately(nullptr, Duration(4294967296L + 5)).getValue());
-    EXPECT_EQ(3u, worker.scheduleExecutionImmediately(nullptr, Duration(4294967296L)).getValue());
-    EXPECT_EQ(4u, worker.scheduleExecutionLater(nullptr, Duration(-5), Duration(-1)).getValue());
-    EXPECT_EQ(5u, worker.scheduleExecutionLater(nullptr, Duration(0)).getValue());
-    EXPECT_EQ(6u, worker.scheduleExecutionImmediately(nullptr).getValue());
-    for (const auto& pick : {std::make_pair(4ul, 4294967295u), {2ul, 5u}, {5ul, 0u}, {3ul, 0u}, {6ul, 0u}}) {
+    EXPECT_EQ(3u, worker.scheduleExecutionLater(nullptr, Duration(-5), Duration(-1)).getValue());
+    EXPECT_EQ(4u, worker.scheduleExecutionImmediately(nullptr, Duration(4294967296L)).getValue());
+    for (const auto& pick : {std::make_pair(3ul, 4294967295u), {2ul, 5u}, {4ul, 0u}}) {
         ASSERT_EQ(Worker::Execute, worker.getNextAction(timeout, execution));
         EXPECT_EQ(pick, std::make_pair(execution.id.getValue(), execution.period));
     }
@@ -102,7 +125,7 @@ TEST_F(FunctionExecutionSchedulerTest, PeriodicRecordIsQueuedAgainWithPeriodMinu
     // Runs a record on this thread for exactly `runMs` on the tick counter
     // (again while the counter moves by itself); returns the tick after it.
     auto runFor = [&](FunctionExecution execution, std::uint32_t runMs) {
-        execution.function = std::make_shared<CountingFunction>([&] { m_Ticks.advance(runMs); });
+        execution.function = std::make_shared<CountingFunction>([&] { advanceTicks(runMs); });
         for (std::uint32_t start = 0;; m_Sink->clear()) {
             while (!strategy->empty()) {
                 strategy->getNextTimedFunctionExecution();
@@ -140,7 +163,7 @@ TEST_F(FunctionExecutionSchedulerTest, RemovalNeverWaitsButShutdownWaitsForTheRu
     auto stopper = std::make_shared<CountingFunction>([&] { self.shutdown(); });
     self.scheduleExecutionImmediately(std::make_shared<CountingFunction>([&] {
         self.asyncRemoveFunctionExecution(self.scheduleExecutionLater(inner, Duration(100000)));
-        m_Ticks.advance(200000); // the removed record would run before the stopper
+        advanceTicks(200000); // the removed record would run before the stopper
         self.scheduleExecutionImmediately(inner);
         self.scheduleExecutionLater(stopper, Duration(0));
     }));

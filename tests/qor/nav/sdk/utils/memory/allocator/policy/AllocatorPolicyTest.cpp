@@ -29,8 +29,7 @@ struct MutexTraits
     static bool isTaken(Lock& mutex) // not recursive: a try from the holder fails too
     {
         const bool free = mutex.lock(Mutex::NoWait);
-        if (free)
-        {
+        if (free) {
             mutex.unlock();
         }
         return !free;
@@ -58,18 +57,15 @@ void expectGuardContract()
     typename Traits::Policy policy;
     long counter = 0; // deliberately not atomic: only the lock protects it
     std::vector<std::thread> threads;
-    for (int t = 0; t < 3; ++t)
-    {
+    for (int t = 0; t < 3; ++t) {
         threads.emplace_back([&] {
-            for (int i = 0; i < 5000; ++i)
-            {
+            for (int i = 0; i < 5000; ++i) {
                 auto guard = policy.lock();
                 ++counter;
             }
         });
     }
-    for (std::thread& thread : threads)
-    {
+    for (std::thread& thread : threads) {
         thread.join();
     }
     EXPECT_EQ(3 * 5000, counter);
@@ -107,8 +103,7 @@ TEST(AllocatorPolicyTest, BlocksOfAnySizeAndAlignmentComeBackWhole)
     CheckForBufferOverflow check("Tiles");
     // Offset of the raw block from a 16-byte boundary, size, alignment.
     const struct { std::size_t offset, size; std::uint16_t align; } cases[] = {{0, 64, 8}, {0, 0, 8}, {8, 13, 16}, {3, 7, 1}};
-    for (const auto& c : cases)
-    {
+    for (const auto& c : cases) {
         alignas(16) unsigned char raw[24 + 64 + 4 + 8];
         unsigned char* const block = raw + c.offset;
         auto* const user = static_cast<unsigned char*>(check.onAllocation(block, c.size, c.align, s_File, 42));
