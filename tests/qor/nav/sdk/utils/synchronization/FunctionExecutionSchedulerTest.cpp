@@ -27,19 +27,14 @@ using Strings = std::vector<std::string>;
 
 const std::string kName = "PN3qor3nav3sdk5utils15synchronization8FunctionE";
 
-// started() counts the calls of execute(), runs() those that returned.
-class CountingFunction : public Function
+// Counts the calls of execute() (started) and those that returned (runs).
+struct CountingFunction : Function
 {
-public:
-    explicit CountingFunction(std::function<void()> body = [] {}) : m_Body(std::move(body)) {}
-    void execute() override { ++m_Started, m_Body(), ++m_Runs; }
-    int started() const { return m_Started.load(); }
-    int runs() const { return m_Runs.load(); }
-    bool waitForRuns(int n) const { return waitUntil([&] { return m_Runs.load() >= n; }); }
-
-private:
-    std::function<void()> m_Body;
-    std::atomic<int> m_Started{0}, m_Runs{0};
+    explicit CountingFunction(std::function<void()> body = [] {}) : body(std::move(body)) {}
+    void execute() override { ++started, body(), ++runs; }
+    bool waitForRuns(int n) const { return waitUntil([&] { return runs.load() >= n; }); }
+    const std::function<void()> body;
+    std::atomic<int> started{0}, runs{0};
 };
 
 // Refuses untimed records; holds work but fails when asked how long to wait,
@@ -169,7 +164,7 @@ TEST_F(FunctionExecutionSchedulerTest, RemovalNeverWaitsButShutdownWaitsForTheRu
     }));
     self.start();
     ASSERT_TRUE(stopper->waitForRuns(1));
-    EXPECT_EQ(1, inner->runs());
+    EXPECT_EQ(1, inner->runs.load());
     EXPECT_EQ(5u, self.scheduleExecutionImmediately(inner).getValue()); // a fresh id, nothing queued
     EXPECT_EQ(1, inner.use_count());
     self.shutdown(); // again: harmless
@@ -219,12 +214,12 @@ TEST_F(FunctionExecutionSchedulerTest, QueuedWorkRunsOnceAndThrowingWorkIsLogged
     (void)scheduler.scheduleExecutionLater(odd, Duration(0), Duration(1));
     scheduler.start();
     EXPECT_THROW(scheduler.start(), qor::common::errors::IllegalStateException);
-    ASSERT_TRUE(once->waitForRuns(1) && waitUntil([&] { return boom->started() + odd->started() == 2; }));
+    ASSERT_TRUE(once->waitForRuns(1) && waitUntil([&] { return boom->started + odd->started == 2; }));
     auto last = std::make_shared<CountingFunction>(); // queued behind any periodic record run again
     scheduler.scheduleExecutionLater(last, Duration(2));
     ASSERT_TRUE(last->waitForRuns(1));
     scheduler.shutdown();
-    EXPECT_EQ(std::make_pair(1, 1), std::make_pair(boom->started(), odd->started()));
+    EXPECT_EQ(std::make_pair(1, 1), std::make_pair(boom->started.load(), odd->started.load()));
     EXPECT_TRUE(once.use_count() == 1 && boom.use_count() == 1 && odd.use_count() == 1);
     const std::string run = "1 Life: execute functionExecution " + kName, error = "5 Life: Unexpected exception while handling functionExecution";
     EXPECT_EQ((Strings{"3 Life: started.\n", run + " started\n", error + ".\n", run + " started\n", run + " finished\n",
