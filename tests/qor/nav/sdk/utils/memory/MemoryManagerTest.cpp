@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <random>
 #include <stdexcept>
@@ -83,29 +84,27 @@ void walk(std::uint64_t maxChunks, const std::vector<std::uint64_t>& targets)
 
 TEST(MemoryManagerTest, EveryCountInUseGetsTheLevelOfTheThresholdModel)
 {
-    // One chunk at a time past the end and back, then random jumps (several
-    // levels at once, refusals at Critical and beyond the budget), for budgets
-    // where the thresholds fall on, next to and between whole chunks. An empty
-    // budget refuses every chunk, and its level never moves.
+    // For budgets where the thresholds fall on, next to and between whole
+    // chunks: one chunk at a time past the end and back (small budgets), random
+    // jumps (several levels at once, refusals at Critical and beyond the
+    // budget), and jumps to every count near a threshold from empty and full,
+    // which for budgets beyond the float's mantissa share a consumption. An
+    // empty budget refuses every chunk, and its level never moves.
     Logger::setThreshold("qor.nav.sdk.utils.memory", LogLevel::Warning);
     std::mt19937_64 random(15);
-    for (const std::uint64_t maxChunks : {0u, 1u, 2u, 3u, 7u, 20u, 99u, 100u, 101u, 1000u, 12345u, 131072u}) {
+    const std::uint64_t one = 1;
+    for (const std::uint64_t maxChunks : {0ul, 1ul, 2ul, 3ul, 7ul, 20ul, 99ul, 100ul, 101ul, 1000ul, 12345ul, one << 17,
+                                          one << 24, (one << 30) + 3, ~std::uint64_t{0} >> 12}) {
         std::vector<std::uint64_t> targets;
-        for (std::uint64_t k = 1; k < 2 * maxChunks + 4; ++k) {
+        for (std::uint64_t k = 1; maxChunks <= (one << 17) && k < 2 * maxChunks + 4; ++k) {
             targets.push_back(k <= maxChunks + 1 ? k : 2 * maxChunks + 3 - k);
         }
         for (int i = 0; i < 3000; ++i) {
             targets.push_back(random() % (maxChunks + 2));
         }
-        walk(maxChunks, targets);
-    }
-    // Budgets beyond the float's mantissa, where neighbouring counts share a
-    // consumption: jumps to every count near a threshold from empty and full.
-    for (const std::uint64_t maxChunks : {std::uint64_t{1} << 24, (std::uint64_t{1} << 30) + 3, ~std::uint64_t{0} >> 12}) {
-        std::vector<std::uint64_t> targets;
         for (const float threshold : {0.65f, 0.70f, 0.85f, 0.89f, 0.95f, 0.98f}) {
             const auto middle = static_cast<std::uint64_t>(static_cast<double>(threshold) * static_cast<double>(maxChunks));
-            for (std::uint64_t k = middle - 300; k <= middle + 300; k += 3) {
+            for (std::uint64_t k = std::max<std::uint64_t>(middle, 300) - 300; k <= middle + 300; k += 3) {
                 targets.insert(targets.end(), {k, 0, k, maxChunks / 2, maxChunks, k, 0});
             }
         }
