@@ -21,54 +21,33 @@
 #include <cstdlib>
 #include <new>
 
-namespace qor {
-namespace test {
+namespace qor::test {
 
-class FailingAllocation
+struct FailingAllocation
 {
-public:
     // The calling thread's next allocation of exactly `bytes` bytes throws
     // std::bad_alloc; 0 disarms.
-    static void failNextOfSize(std::size_t bytes) noexcept { armedSize() = bytes; }
-
+    static void failNextOfSize(std::size_t bytes) noexcept { armed = bytes; }
     // True while the armed failure has not happened yet.
-    static bool pending() noexcept { return armedSize() != 0; }
-
-    // Whether an allocation of `bytes` must fail now; disarms when it must.
-    static bool takeFailure(std::size_t bytes) noexcept
-    {
-        std::size_t& armed = armedSize();
-        if (armed != 0 && armed == bytes)
-        {
-            armed = 0;
-            return true;
-        }
-        return false;
-    }
-
-private:
-    static std::size_t& armedSize() noexcept
-    {
-        static thread_local std::size_t s_Armed = 0;
-        return s_Armed;
-    }
+    static bool pending() noexcept { return armed != 0; }
+    static inline thread_local std::size_t armed = 0;
 };
 
-} // namespace test
-} // namespace qor
+} // namespace qor::test
 
 void* operator new(std::size_t bytes)
 {
-    if (qor::test::FailingAllocation::takeFailure(bytes))
+    std::size_t& armed = qor::test::FailingAllocation::armed;
+    if (armed != 0 && armed == bytes)
     {
+        armed = 0;
         throw std::bad_alloc();
     }
-    void* memory = std::malloc(bytes == 0 ? 1 : bytes);
-    if (memory == nullptr)
+    if (void* memory = std::malloc(bytes == 0 ? 1 : bytes))
     {
-        throw std::bad_alloc();
+        return memory;
     }
-    return memory;
+    throw std::bad_alloc();
 }
 
 // Not inlined: a caller that sees `new` paired with a free() would warn.

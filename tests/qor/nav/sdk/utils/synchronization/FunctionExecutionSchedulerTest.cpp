@@ -1,18 +1,19 @@
 // The scheduler and its worker: the loop's decisions, periodic rescheduling,
-// the exact log records, removal, shutdown from any thread, the watchdog, and
-// concurrent clients.
+// the exact log records, removal, shutdown from any thread and the watchdog.
+// Many clients at once are the soak program's part.
 #include "qor/nav/sdk/utils/synchronization/FunctionExecutionScheduler.h"
 
 #include "qor/common/errors/IllegalStateException.h"
+#include "qor/common/system/Clock.h"
 #include "qor/nav/sdk/utils/synchronization/BalancedStrategy.h"
 #include "qor/nav/sdk/utils/synchronization/FunctionExecutionSchedulerImpl.h"
 #include "support/RecordingLogSink.h"
-#include "support/TestFunctions.h"
+#include "support/TestSync.h"
 
 #include <gtest/gtest.h>
 
-#include <random>
-#include <set>
+#include <atomic>
+#include <functional>
 #include <thread>
 
 namespace {
@@ -26,25 +27,39 @@ using Strings = std::vector<std::string>;
 
 const std::string kName = "PN3qor3nav3sdk5utils15synchronization8FunctionE";
 
-// Refuses untimed records; holds work but fails when asked how long to wait.
+// Counts the calls of execute() (started) and those that returned (runs).
+struct CountingFunction : Function
+{
+    explicit CountingFunction(std::function<void()> body = [] {}) : body(std::move(body)) {}
+    void execute() override { ++started, body(), ++runs; }
+    bool waitForRuns(int n) const { return waitUntil([&] { return runs.load() >= n; }); }
+    const std::function<void()> body;
+    std::atomic<int> started{0}, runs{0};
+};
+
+// Refuses untimed records; holds work but fails when asked how long to wait,
+// first with an IllegalStateException, then with something else.
 struct FailingStrategy : BalancedStrategy
 {
-    explicit FailingStrategy(bool illegalState) : illegalState(illegalState) {}
     using BalancedStrategy::addFunctionExecution;
     void addFunctionExecution(const FunctionExecution&) override { throw std::runtime_error("full"); }
     bool empty() const override { return false; }
     unsigned int getTimeToNextFunctionExecution() const override
     {
-        return illegalState ? throw qor::common::errors::IllegalStateException("strategy broken") : throw 2, 0u;
+        return ++calls == 1 ? throw qor::common::errors::IllegalStateException("strategy broken") : throw 2, 0u;
     }
-    const bool illegalState;
+    mutable int calls = 0;
 };
 
 class FunctionExecutionSchedulerTest : public ::testing::Test
 {
 protected:
     FunctionExecutionSchedulerTest() { qor::common::logging::Logger::setDefaultThreshold(qor::common::logging::LogLevel::Trace); }
-    ~FunctionExecutionSchedulerTest() override { qor::common::logging::Logger::resetThresholds(); }
+    ~FunctionExecutionSchedulerTest() override
+    {
+        qor::common::logging::Logger::resetThresholds();
+        qor::common::system::Clock::setTickCounterOffset(0);
+    }
 
     // The records of schedulers, as "<level> <scheduler>: <text>".
     Strings lines() const
@@ -59,8 +74,11 @@ protected:
         return result;
     }
 
+    // Moves Clock::getTickCounter() as if `ms` had passed.
+    void advanceTicks(std::uint32_t ms) { qor::common::system::Clock::setTickCounterOffset(m_TickOffset += ms); }
+
     RecordingLogSink::Installation m_Sink;
-    ScopedTickCounter m_Ticks;
+    std::uint32_t m_TickOffset = 0;
 };
 
 TEST_F(FunctionExecutionSchedulerTest, WorkerHandsOutIdsAndRecordsAndDecidesItsNextAction)
@@ -76,23 +94,20 @@ TEST_F(FunctionExecutionSchedulerTest, WorkerHandsOutIdsAndRecordsAndDecidesItsN
     EXPECT_TRUE(timeout > 90000u && timeout <= 100000u) << timeout;
     // Periods keep their low 32 bits; a negative delay is due at once.
     EXPECT_EQ(2u, worker.scheduleExecutionImmediately(nullptr, Duration(4294967296L + 5)).getValue());
-    EXPECT_EQ(3u, worker.scheduleExecutionImmediately(nullptr, Duration(4294967296L)).getValue());
-    EXPECT_EQ(4u, worker.scheduleExecutionLater(nullptr, Duration(-5), Duration(-1)).getValue());
-    EXPECT_EQ(5u, worker.scheduleExecutionLater(nullptr, Duration(0)).getValue());
-    EXPECT_EQ(6u, worker.scheduleExecutionImmediately(nullptr).getValue());
-    for (const auto& pick : {std::make_pair(4ul, 4294967295u), {2ul, 5u}, {5ul, 0u}, {3ul, 0u}, {6ul, 0u}}) {
+    EXPECT_EQ(3u, worker.scheduleExecutionLater(nullptr, Duration(-5), Duration(-1)).getValue());
+    EXPECT_EQ(4u, worker.scheduleExecutionImmediately(nullptr, Duration(4294967296L)).getValue());
+    for (const auto& pick : {std::make_pair(3ul, 4294967295u), {2ul, 5u}, {4ul, 0u}}) {
         ASSERT_EQ(Worker::Execute, worker.getNextAction(timeout, execution));
         EXPECT_EQ(pick, std::make_pair(execution.id.getValue(), execution.period));
     }
     EXPECT_EQ(Worker::WaitWithTimeout, worker.getNextAction(timeout, execution));
     worker.shutdown();
     EXPECT_EQ(Worker::Stop, worker.getNextAction(timeout, execution));
-    for (bool illegalState : {true, false}) {
-        Worker broken("Broken", std::make_shared<FailingStrategy>(illegalState), 0, 0);
-        EXPECT_THROW(broken.scheduleExecutionImmediately(nullptr), std::runtime_error);
-        EXPECT_EQ(2u, broken.scheduleExecutionLater(nullptr, Duration(0)).getValue()); // unlocked, id consumed
-        EXPECT_EQ(Worker::WaitForSignal, broken.getNextAction(timeout, execution));
-    }
+    Worker broken("Broken", std::make_shared<FailingStrategy>(), 0, 0);
+    EXPECT_THROW(broken.scheduleExecutionImmediately(nullptr), std::runtime_error);
+    EXPECT_EQ(2u, broken.scheduleExecutionLater(nullptr, Duration(0)).getValue()); // unlocked, id consumed
+    EXPECT_EQ(Worker::WaitForSignal, broken.getNextAction(timeout, execution));
+    EXPECT_EQ(Worker::WaitForSignal, broken.getNextAction(timeout, execution));
     EXPECT_EQ((Strings{"5 Broken: Unexpected exception while handling getNextAction: strategy broken\n",
                        "5 Broken: Unexpected exception while handling getNextAction.\n"}),
               lines());
@@ -105,7 +120,7 @@ TEST_F(FunctionExecutionSchedulerTest, PeriodicRecordIsQueuedAgainWithPeriodMinu
     // Runs a record on this thread for exactly `runMs` on the tick counter
     // (again while the counter moves by itself); returns the tick after it.
     auto runFor = [&](FunctionExecution execution, std::uint32_t runMs) {
-        execution.function = std::make_shared<CountingFunction>([&] { m_Ticks.advance(runMs); });
+        execution.function = std::make_shared<CountingFunction>([&] { advanceTicks(runMs); });
         for (std::uint32_t start = 0;; m_Sink->clear()) {
             while (!strategy->empty()) {
                 strategy->getNextTimedFunctionExecution();
@@ -136,56 +151,38 @@ TEST_F(FunctionExecutionSchedulerTest, PeriodicRecordIsQueuedAgainWithPeriodMinu
     EXPECT_EQ((Strings{fast[0], fast[1], "3 Periodic: FunctionExecution " + kName + " tooks 100\n"}), lines());
 }
 
-TEST_F(FunctionExecutionSchedulerTest, RemovalDropsQueuedWorkButNeverWaitsForARunningFunction)
-{
-    Scheduler scheduler("Remove", 0, 0);
-    scheduler.start();
-    Latch entered(1), release(1);
-    auto blocking = std::make_shared<CountingFunction>([&] { entered.countDown(), release.waitFor(); });
-    auto marker = std::make_shared<CountingFunction>();
-    const FunctionExecutionId id = scheduler.scheduleExecutionImmediately(blocking, Duration(60000));
-    ASSERT_TRUE(entered.waitFor());
-    scheduler.asyncRemoveFunctionExecution(id); // misses the running record
-    scheduler.scheduleExecutionImmediately(marker);
-    release.countDown();
-    ASSERT_TRUE(marker->waitForRuns(1)); // so the periodic record is queued again
-    scheduler.asyncRemoveFunctionExecution(id);
-    m_Ticks.advance(120000);
-    scheduler.scheduleExecutionLater(marker, Duration(0));
-    ASSERT_TRUE(marker->waitForRuns(2)); // an earlier due record would have come first
-    EXPECT_EQ(1, blocking->started());
-    EXPECT_EQ(1, blocking.use_count());
-}
-
-TEST_F(FunctionExecutionSchedulerTest, ShutdownWaitsForTheRunningFunctionExceptOnItsOwnThread)
+TEST_F(FunctionExecutionSchedulerTest, RemovalNeverWaitsButShutdownWaitsForTheRunningFunctionExceptOnItsOwnThread)
 {
     Scheduler self("Self", 0, 0), target("Target", 0, 0);
     auto inner = std::make_shared<CountingFunction>();
     auto stopper = std::make_shared<CountingFunction>([&] { self.shutdown(); });
     self.scheduleExecutionImmediately(std::make_shared<CountingFunction>([&] {
         self.asyncRemoveFunctionExecution(self.scheduleExecutionLater(inner, Duration(100000)));
+        advanceTicks(200000); // the removed record would run before the stopper
         self.scheduleExecutionImmediately(inner);
         self.scheduleExecutionLater(stopper, Duration(0));
     }));
     self.start();
     ASSERT_TRUE(stopper->waitForRuns(1));
-    EXPECT_EQ(1, inner->runs());
+    EXPECT_EQ(1, inner->runs.load());
     EXPECT_EQ(5u, self.scheduleExecutionImmediately(inner).getValue()); // a fresh id, nothing queued
     EXPECT_EQ(1, inner.use_count());
     self.shutdown(); // again: harmless
 
+    // Removal never waits for the running function; shutdown() does.
     Latch entered(1), release(1), stopping(1);
-    target.scheduleExecutionImmediately(std::make_shared<CountingFunction>([&] { entered.countDown(), release.waitFor(); }));
+    const FunctionExecutionId id = target.scheduleExecutionImmediately(
+        std::make_shared<CountingFunction>([&] { entered.countDown(), release.waitFor(); }));
     target.scheduleExecutionLater(inner, Duration(60000));
     target.start();
     ASSERT_TRUE(entered.waitFor());
+    target.asyncRemoveFunctionExecution(id);
     long owners = 0;
     std::thread other([&] { stopping.countDown(), target.shutdown(), owners = inner.use_count(); });
     ASSERT_TRUE(stopping.waitFor());
-    EXPECT_EQ(1, release.isOpen() ? 0 : 1); // shutdown() waits for the running function
     release.countDown();
     other.join();
-    EXPECT_EQ(1, owners); // and has dropped the queued one when it returns
+    EXPECT_EQ(1, owners); // shutdown() has dropped the queued one when it returns
 }
 
 TEST_F(FunctionExecutionSchedulerTest, WatchdogNamedAfterTheSchedulerReportsASilentRunOnce)
@@ -202,86 +199,34 @@ TEST_F(FunctionExecutionSchedulerTest, WatchdogNamedAfterTheSchedulerReportsASil
     EXPECT_EQ(1u, m_Sink->count(isReport));
 }
 
-// Clients schedule and remove work at random while the worker runs; each
-// function removes its own id while it runs (a deadlock if removal waited).
-// Work queued before start(), a null function and throwing ones run too.
-TEST_F(FunctionExecutionSchedulerTest, ConcurrentClientsNeitherLoseNorRepeatOneShotWork)
+// Work queued before start() runs once in the worker's order between its
+// "started." and "stopped." records; a null function runs as a nameless one,
+// and a throwing function is logged and not queued again, even if periodic.
+TEST_F(FunctionExecutionSchedulerTest, QueuedWorkRunsOnceAndThrowingWorkIsLoggedAndDropped)
 {
-    struct Job
-    {
-        std::shared_ptr<CountingFunction> function;
-        unsigned long id;
-        bool once, removed;
-    };
-    std::atomic<bool> stopped{false};
-    std::atomic<int> lateRuns{0};
-    std::vector<std::vector<Job>> jobs(5); // the last one is nobody's to remove
-    jobs[4].push_back({std::make_shared<CountingFunction>(), 1, true, false});
-    jobs[4].push_back({std::make_shared<CountingFunction>([] { throw std::runtime_error("boom"); }), 3, true, false});
-    jobs[4].push_back({std::make_shared<CountingFunction>([] { throw 42; }), 4, true, false});
-    Scheduler scheduler("Stress", 0, 0);
-    scheduler.scheduleExecutionImmediately(jobs[4][0].function);
+    Scheduler scheduler("Life", 0, 0);
+    auto once = std::make_shared<CountingFunction>();
+    auto boom = std::make_shared<CountingFunction>([] { throw std::runtime_error("boom"); });
+    auto odd = std::make_shared<CountingFunction>([] { throw 42; });
+    scheduler.scheduleExecutionImmediately(once);
     scheduler.scheduleExecutionImmediately(nullptr);
-    (void)scheduler.scheduleExecutionImmediately(jobs[4][1].function, Duration(1)); // periodic, but not after throwing
-    (void)scheduler.scheduleExecutionLater(jobs[4][2].function, Duration(0), Duration(1));
+    (void)scheduler.scheduleExecutionImmediately(boom, Duration(1));
+    (void)scheduler.scheduleExecutionLater(odd, Duration(0), Duration(1));
     scheduler.start();
     EXPECT_THROW(scheduler.start(), qor::common::errors::IllegalStateException);
-    std::vector<std::thread> clients;
-    for (unsigned c = 0; c < 4; ++c) {
-        clients.emplace_back([&, c] {
-            std::mt19937 random(c);
-            for (std::vector<Job>& mine = jobs[c]; mine.size() < 800;) {
-                const unsigned dice = random() % 10;
-                if (dice >= 8 && !mine.empty()) {
-                    Job& victim = mine[random() % mine.size()];
-                    victim.removed = true;
-                    scheduler.asyncRemoveFunctionExecution(FunctionExecutionId(victim.id));
-                    continue;
-                }
-                auto id = std::make_shared<std::atomic<unsigned long>>(0);
-                auto function = std::make_shared<CountingFunction>([&, id] {
-                    lateRuns += stopped ? 1 : 0;
-                    scheduler.asyncRemoveFunctionExecution(FunctionExecutionId(id->load()));
-                });
-                const Duration delay(random() % 20), period(1 + random() % 5);
-                *id = (dice < 3   ? scheduler.scheduleExecutionImmediately(function)
-                       : dice < 6 ? scheduler.scheduleExecutionLater(function, delay)
-                       : dice < 7 ? scheduler.scheduleExecutionImmediately(function, period)
-                                  : scheduler.scheduleExecutionLater(function, delay, period))
-                          .getValue();
-                mine.push_back(Job{function, id->load(), dice < 6, false});
-            }
-        });
-    }
-    std::vector<const Job*> all;
-    for (unsigned c = 0; c < jobs.size(); ++c) {
-        if (c < clients.size()) {
-            clients[c].join();
-        }
-        for (const Job& job : jobs[c]) {
-            all.push_back(&job);
-        }
-    }
-    EXPECT_TRUE(waitUntil([&] {
-        return std::none_of(all.begin(), all.end(), [](auto j) { return j->once && !j->removed && j->function->started() == 0; });
-    })) << "a queued one-shot function never ran";
-    scheduler.refreshWatchdog();
+    ASSERT_TRUE(once->waitForRuns(1) && waitUntil([&] { return boom->started + odd->started == 2; }));
+    auto last = std::make_shared<CountingFunction>(); // queued behind any periodic record run again
+    scheduler.scheduleExecutionLater(last, Duration(2));
+    ASSERT_TRUE(last->waitForRuns(1));
     scheduler.shutdown();
-    stopped = true;
-    std::set<unsigned long> ids;
-    for (const Job* job : all) {
-        EXPECT_TRUE(ids.insert(job->id).second) << "id " << job->id << " handed out twice";
-        EXPECT_EQ(job->once && !job->removed ? 1 : std::min(job->function->started(), 1), std::min(job->function->started(), job->once ? 2 : 1)) << job->id;
-        EXPECT_EQ(1, job->function.use_count()) << "the scheduler still holds id " << job->id;
-    }
-    EXPECT_EQ(0, lateRuns.load()) << "a function ran after shutdown() returned";
-    const Strings logged = lines();
-    for (const char* line : {"3 Stress: started.\n", "3 Stress: stopped.\n", "1 Stress: execute functionExecution  started\n",
-                             "1 Stress: execute functionExecution  finished\n",
-                             "5 Stress: Unexpected exception while handling functionExecution: boom\n",
-                             "5 Stress: Unexpected exception while handling functionExecution.\n"}) {
-        EXPECT_EQ(1, std::count(logged.begin(), logged.end(), line)) << line;
-    }
+    EXPECT_EQ(std::make_pair(1, 1), std::make_pair(boom->started.load(), odd->started.load()));
+    EXPECT_TRUE(once.use_count() == 1 && boom.use_count() == 1 && odd.use_count() == 1);
+    const std::string run = "1 Life: execute functionExecution " + kName, error = "5 Life: Unexpected exception while handling functionExecution";
+    EXPECT_EQ((Strings{"3 Life: started.\n", run + " started\n", error + ".\n", run + " started\n", run + " finished\n",
+                       "1 Life: execute functionExecution  started\n", "1 Life: execute functionExecution  finished\n",
+                       run + " started\n", error + ": boom\n", run + " started\n", run + " finished\n",
+                       "3 Life: stopped.\n"}),
+              lines());
 }
 
 } // namespace

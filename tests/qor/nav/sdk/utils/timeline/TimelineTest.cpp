@@ -1,20 +1,20 @@
 #include "qor/nav/sdk/utils/timeline/Timeline.h"
 
 #include "qor/common/system/HighResolutionTimer.h"
-#include "support/FunctionThread.h"
+#include "qor/common/system/Thread.h"
 #include "support/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <map>
 #include <memory>
@@ -27,12 +27,19 @@ namespace {
 
 using qor::common::system::HighResolutionTimer;
 using qor::nav::sdk::utils::timeline::Timeline;
-using qor::test::FunctionThread;
 using qor::test::TemporaryDirectory;
 using Json = nlohmann::json;
 
 const std::string kHeader = "{\"displayTimeUnits\":\"ns\",\"traceEvents\":[\n";
-const std::string kEmpty = kHeader + "]}";
+
+// A named foundation Thread running a callable; joined when it goes.
+struct FunctionThread : qor::common::system::Thread
+{
+    FunctionThread(const std::string& name, std::function<void()> body) : Thread(name), body(std::move(body)) {}
+    ~FunctionThread() override { join(); }
+    void run() override { body(); }
+    const std::function<void()> body;
+};
 
 // The timer reads s_Micros while a HandClock lives.
 std::atomic<std::uint64_t> s_Micros{1000000};
@@ -50,14 +57,12 @@ std::string readFile(const std::string& path)
 
 std::string part(const std::string& base, std::size_t number)
 {
-    const std::string digits = std::to_string(number);
-    return base + "." + std::string(digits.size() < 3 ? 3 - digits.size() : 0, '0') + digits;
+    return base + (number < 10 ? ".00" : number < 100 ? ".0" : ".") + std::to_string(number);
 }
 
 void sections(Timeline& timeline, int count)
 {
-    for (int i = 0; i < count; ++i)
-    {
+    for (int i = 0; i < count; ++i) {
         timeline.beginSection("step", nullptr, "");
         timeline.endSection();
     }
@@ -99,9 +104,7 @@ TEST(TimelineTest, SessionOfOneNamedThreadHasExactBytesAndASixtyHertzGrid)
         timeline.endSection();
         s_Micros = 5400;
         timeline.endSection();
-        timeline.beginSection("frame", nullptr, "");
-        timeline.endSection();
-        s_Micros = 45000;
+        s_Micros = 25000;
     }); // the timeline's destructor finishes the session
     thread.start();
     thread.join();
@@ -113,12 +116,9 @@ TEST(TimelineTest, SessionOfOneNamedThreadHasExactBytesAndASixtyHertzGrid)
         R"(,{"name":"layout","ph":"B","ts":5200,"pid":1,"tid":)" + t + R"(,"args":{"n":1}})" "\n"
         R"(,{"ph":"E","ts":5300,"pid":1,"tid":)" + t + "}\n"
         R"(,{"ph":"E","ts":5400,"pid":1,"tid":)" + t + "}\n"
-        R"(,{"name":"frame","ph":"B","ts":5400,"pid":1,"tid":)" + t + "}\n"
-        R"(,{"ph":"E","ts":5400,"pid":1,"tid":)" + t + "}\n"
         R"(,{"name":"VSYNC","ph":"i","s":"t","ts":5000,"pid":1,"tid":)" + t + "}\n"
         R"(,{"name":"VSYNC","ph":"i","s":"t","ts":5000,"pid":1,"tid":)" + t + "}\n"
-        R"(,{"name":"VSYNC","ph":"i","s":"t","ts":21666,"pid":1,"tid":)" + t + "}\n"
-        R"(,{"name":"VSYNC","ph":"i","s":"t","ts":38333,"pid":1,"tid":)" + t + "}\n]}",
+        R"(,{"name":"VSYNC","ph":"i","s":"t","ts":21666,"pid":1,"tid":)" + t + "}\n]}",
         readFile(path));
 }
 
@@ -127,8 +127,7 @@ TEST(TimelineTest, PartsRollOverOnlyAboveTheLimitAndNameTheThreadInEach)
     HandClock clock; // standing still: no grid marks unless advanced
     TemporaryDirectory dir;
     const std::string base = dir.path() + "/m.json";
-    const mode_t mask = ::umask(0); // parts are created 0664
-    Timeline timeline, other;
+    Timeline timeline;
     timeline.startMultipartSession((dir.path() + "/one").c_str(), 1000000);
     sections(timeline, 1);
     timeline.finishSession(); // header, name, begin and end, less the two separating commas:
@@ -142,13 +141,7 @@ TEST(TimelineTest, PartsRollOverOnlyAboveTheLimitAndNameTheThreadInEach)
     ::close(fds[0]);
     timeline.startMultipartSession((dir.path() + "/ignored").c_str(), 10);
     timeline.startMultipartSession(nullptr, 10); // ignored too, not checked
-    other.startSession(std::fopen((dir.path() + "/other.json").c_str(), "w"));
-    for (int i = 0; i < 4; ++i) // the thread alternates between two timelines
-    {
-        sections(timeline, 1);
-        sections(other, 1);
-    }
-    other.finishSession();
+    sections(timeline, 4);
     s_Micros += 1000000; // sixty grid marks take the empty third part above the limit, ...
     timeline.finishSession();
     timeline.endSection(); // ... so that a late section end opens a fourth (kept for compatibility)
@@ -156,22 +149,15 @@ TEST(TimelineTest, PartsRollOverOnlyAboveTheLimitAndNameTheThreadInEach)
     timeline.startSession(std::fopen((dir.path() + "/single.json").c_str(), "w")); // never rolls over
     sections(timeline, 50);
     timeline.finishSession();
-    ::umask(mask);
-    EXPECT_EQ((std::vector<std::string>{"m.json.001", "m.json.002", "m.json.003", "m.json.004", "one.001",
-                                        "other.json", "single.json"}),
+    EXPECT_EQ((std::vector<std::string>{"m.json.001", "m.json.002", "m.json.003", "m.json.004", "one.001", "single.json"}),
               dir.entries());
-    for (const std::string& file : {part(base, 1), part(base, 2), dir.path() + "/other.json"})
-    {
-        EXPECT_EQ(1u, countPhase(readFile(file), "M")) << file; // the thread is named once in each file
+    for (const std::string& file : {part(base, 1), part(base, 2)}) {
+        EXPECT_EQ(1u, countPhase(readFile(file), "M")) << file; // the thread is named once in each part
+        EXPECT_EQ(2u, countPhase(readFile(file), "E")) << file;
     }
-    EXPECT_EQ(2u, countPhase(readFile(part(base, 1)), "E"));
-    EXPECT_EQ(2u, countPhase(readFile(part(base, 2)), "E"));
     EXPECT_EQ(61u, countPhase(readFile(part(base, 3)), "i"));
-    EXPECT_EQ(kEmpty, readFile(part(base, 4)));
+    EXPECT_EQ(kHeader + "]}", readFile(part(base, 4)));
     EXPECT_EQ(50u, countPhase(readFile(dir.path() + "/single.json"), "E"));
-    struct stat info = {};
-    ASSERT_EQ(0, ::stat(part(base, 1).c_str(), &info));
-    EXPECT_EQ(0664u, info.st_mode & 0777u);
 }
 
 TEST(TimelineTest, ThreadsRecordRandomSectionsIntoPartsAfterOutputsThatFailedQuietly)
@@ -205,24 +191,18 @@ TEST(TimelineTest, ThreadsRecordRandomSectionsIntoPartsAfterOutputsThatFailedQui
     std::map<std::uint64_t, std::string> names;
     std::vector<std::unique_ptr<FunctionThread>> threads;
     std::atomic<int> ready{0};
-    for (int k = 0; k < 4; ++k)
-    {
+    for (int k = 0; k < 4; ++k) {
         threads.push_back(std::make_unique<FunctionThread>("Worker-" + std::to_string(k), [&, k] {
             std::mt19937 random(static_cast<unsigned>(k));
-            for (ready.fetch_add(1); ready.load() < 4;) // start together to contend for the writer
-            {
+            for (ready.fetch_add(1); ready.load() < 4;) { // start together to contend for the writer
                 std::this_thread::yield();
             }
-            for (int i = 0, depth = 0; i < 500 || depth > 0;)
-            {
-                if (i < 500 && (depth == 0 || (depth < 3 && random() % 2 == 0)))
-                {
+            for (int i = 0, depth = 0; i < 500 || depth > 0;) {
+                if (i < 500 && (depth == 0 || (depth < 3 && random() % 2 == 0))) {
                     timeline.beginSection(std::to_string(i).c_str(), i % 3 == 0 ? "work" : nullptr, "");
                     ++i;
                     ++depth;
-                }
-                else
-                {
+                } else {
                     timeline.endSection();
                     --depth;
                 }
@@ -230,63 +210,36 @@ TEST(TimelineTest, ThreadsRecordRandomSectionsIntoPartsAfterOutputsThatFailedQui
         }));
         threads.back()->start();
     }
-    for (auto& thread : threads)
-    {
+    for (auto& thread : threads) {
         thread->join();
         names[thread->getId()] = thread->getName();
     }
     timeline.finishSession();
 
     // Each part parses and names each worker at most once; each worker's
-    // sections come in its order with their category, each end closes a
-    // section of the same thread, time stamps never decrease; and each part
-    // but the last ends right after the first section end that leaves more
-    // than the limit counted (all but the commas in front of events and
-    // categories).
+    // sections come in its order with their category, and each end closes a
+    // section of the same thread.
     std::map<std::uint64_t, int> begun, depth;
-    long lastTimeStamp = 0;
     const std::size_t parts = dir.entries().size() - 4;
     ASSERT_LT(2u, parts);
-    for (std::size_t p = 1; p <= parts; ++p)
-    {
+    for (std::size_t p = 1; p <= parts; ++p) {
         std::map<std::uint64_t, int> named;
-        std::vector<std::uint64_t> countedAtEnds;
-        std::uint64_t counted = kHeader.size();
-        for (const Json& e : eventsOf(readFile(part(next, p)))) // a gap reads empty and fails
-        {
-            counted += e.dump().size() + 1 - (e.contains("cat") ? 1 : 0);
+        for (const Json& e : eventsOf(readFile(part(next, p)))) { // a gap reads empty and fails
             const std::uint64_t id = e["tid"].get<std::uint64_t>();
             ASSERT_TRUE(names.count(id) == 1 || e["ph"] == "i") << e.dump();
-            if (e["ph"] == "M")
-            {
+            if (e["ph"] == "M") {
                 EXPECT_EQ(names.at(id), e["args"]["name"]);
                 EXPECT_EQ(1, ++named[id]) << "named twice: " << e.dump();
-            }
-            else if (e["ph"] == "B" || e["ph"] == "E")
-            {
-                EXPECT_LE(lastTimeStamp, e["ts"].get<long>()) << e.dump();
-                lastTimeStamp = e["ts"].get<long>();
-            }
-            if (e["ph"] == "E")
-            {
+            } else if (e["ph"] == "E") {
                 ASSERT_LT(0, depth[id]--) << "unmatched end: " << e.dump();
-                countedAtEnds.push_back(counted);
-            }
-            else if (e["ph"] == "B")
-            {
+            } else if (e["ph"] == "B") {
                 ++depth[id];
                 EXPECT_EQ(std::to_string(begun[id]), e["name"]);
                 EXPECT_EQ(begun[id]++ % 3 == 0 ? Json("work") : Json(), e.value("cat", Json())) << e.dump();
             }
         }
-        for (std::size_t i = 0; i < countedAtEnds.size(); ++i)
-        {
-            EXPECT_EQ(p < parts && i + 1 == countedAtEnds.size(), countedAtEnds[i] > limit) << "part " << p;
-        }
-        ASSERT_TRUE(p == parts || !countedAtEnds.empty()) << "part " << p;
     }
-    for (const auto& [id, name] : names)
-    {
+    for (const auto& [id, name] : names) {
         EXPECT_EQ(500, begun[id]) << name;
         EXPECT_EQ(0, depth[id]) << name;
     }
