@@ -106,11 +106,6 @@ inline bool isWellFormedUtf8(const std::string& bytes)
     return true;
 }
 
-inline bool withoutControls(const std::string& bytes)
-{
-    return std::all_of(bytes.begin(), bytes.end(), [](char c) { return static_cast<unsigned char>(c) > 0x1F; });
-}
-
 // What disagrees with the table on `bytes`, empty when nothing does: the
 // validator, the automaton and every whole-buffer check path this processor
 // has (plain and without controls); repair must give its input back exactly
@@ -120,6 +115,9 @@ inline std::string validationDisagreements(const std::string& bytes)
 {
     using nav::sdk::utils::validation::UTF8Validator;
     namespace detail = nav::sdk::utils::validation::detail;
+    const auto withoutControls = [](const std::string& text) {
+        return std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) > 0x1F; });
+    };
     const bool expected = isWellFormedUtf8(bytes);
     const bool clean = expected && withoutControls(bytes);
     const std::string fixed = UTF8Validator::makeStrictUtf8Conform(common::types::utf8::Utf8String(bytes)).str();
@@ -178,10 +176,7 @@ inline std::string utf8StringDisagreements(const std::string& bytes, const std::
     {
         found = bytes.compare(chars[p], what.size(), what) == 0 ? p : Utf8String::npos;
     }
-    if (wellFormed && (text.length() != chars.size() - 1 || text.find(what, pos) != found))
-    {
-        wrong += "length or find; ";
-    }
+    wrong += wellFormed && (text.length() != chars.size() - 1 || text.find(what, pos) != found) ? "length or find; " : "";
 
     std::string expected = bytes;
     for (std::size_t at = what.empty() ? std::string::npos : expected.find(what); at != std::string::npos;
