@@ -1,6 +1,7 @@
-// Helpers shared by the fuzz targets: a property check that stops the run,
-// splitting one fuzz input into several strings, and a log sink that keeps
-// the libraries' log records (formatted, as always) off the terminal.
+// Helpers shared by the fuzz targets: stopping the run on a violated
+// property, splitting one fuzz input into several strings, and a log sink
+// that keeps the libraries' log records (formatted, as always) off the
+// terminal.
 //
 // Threads: fuzz targets run on one thread; nothing here is synchronised
 // beyond what setLogSink does itself.
@@ -16,19 +17,19 @@
 #include <string>
 #include <vector>
 
-// Stops the run (libFuzzer saves the input) when a property does not hold.
-#define QOR_FUZZ_CHECK(condition)                                                                     \
-    do                                                                                                \
-    {                                                                                                 \
-        if (!(condition))                                                                             \
-        {                                                                                             \
-            std::fprintf(stderr, "property violated at %s:%d: %s\n", __FILE__, __LINE__, #condition); \
-            __builtin_trap();                                                                         \
-        }                                                                                             \
-    } while (false)
-
 namespace qor {
 namespace fuzz {
+
+// Stops the run (libFuzzer saves the input) when `wrong`, what a property
+// check of tests/support found, is not empty.
+inline void requireNothingWrong(const std::string& wrong)
+{
+    if (!wrong.empty())
+    {
+        std::fprintf(stderr, "property violated: %s\n", wrong.c_str());
+        __builtin_trap();
+    }
+}
 
 // Formats nothing more and prints nothing: records are still built in full by
 // the loggers, so that code path is fuzzed too.
@@ -49,37 +50,19 @@ inline void discardLogRecords()
 inline std::vector<std::string> splitInput(const std::uint8_t* data, std::size_t size, std::size_t count)
 {
     std::vector<std::string> parts(count);
-    const std::string input(reinterpret_cast<const char*>(data), size);
-    std::size_t from = 0;
-    for (std::size_t i = 0; i + 1 < count && from <= input.size(); ++i)
+    std::string rest(reinterpret_cast<const char*>(data), size);
+    for (std::size_t i = 0; i + 1 < count; ++i)
     {
-        const std::size_t bar = input.find('|', from);
+        const std::size_t bar = rest.find('|');
+        parts[i] = rest.substr(0, bar);
         if (bar == std::string::npos)
         {
-            parts[i] = input.substr(from);
-            from = input.size() + 1;
-            break;
+            return parts;
         }
-        parts[i] = input.substr(from, bar - from);
-        from = bar + 1;
+        rest.erase(0, bar + 1);
     }
-    if (from <= input.size())
-    {
-        parts[count - 1] = input.substr(from);
-    }
+    parts[count - 1] = rest;
     return parts;
-}
-
-inline bool withoutControlBytes(const std::string& bytes)
-{
-    for (const char c : bytes)
-    {
-        if (static_cast<unsigned char>(c) <= 0x1F)
-        {
-            return false;
-        }
-    }
-    return true;
 }
 
 } // namespace fuzz

@@ -6,13 +6,11 @@
 // own: "|from|to|from|to|...|text" (up to six entries, any bytes, so search
 // and replacement texts that cannot be decoded too).
 //
-// Properties: replaceCharacters() gives what the rule written out step by
-// step gives (records and text) and leaves its input alone;
+// Properties (qor::test::replacementDisagreements): replaceCharacters() gives
+// what the rule written out step by step gives (records and text);
 // applyCharacterReplacements() gives what the chained replaceAll calls give.
 // Neither throws or hangs. Texts are cut to 512 bytes (the conflict test
 // is quadratic by design).
-#include "qor/nav/sdk/utils/common/CharacterReplacements.h"
-
 #include "FuzzSupport.h"
 #include "support/ReplacementModel.h"
 
@@ -21,11 +19,7 @@
 #include <string>
 #include <vector>
 
-using qor::common::types::utf8::Utf8String;
-using qor::nav::sdk::utils::common::CharacterReplacementResult;
-using qor::nav::sdk::utils::common::CharacterReplacements;
-using qor::nav::sdk::utils::common::Replacement;
-using Table = CharacterReplacements::ReplacementTable;
+using Table = qor::test::ReplacementTable;
 
 namespace {
 
@@ -64,29 +58,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         }
         input = parts[last];
     }
-    const Utf8String text(input.substr(0, 512));
-    CharacterReplacements& instance = CharacterReplacements::getInstance();
-    instance.setCharacterReplacements({{CharacterReplacements::getReplacementLanguageId(), table},
-                                       {CharacterReplacements::LanguageId(0x8000, 7258, 999, 0), {{"a", "unused"}}}});
-
-    const CharacterReplacementResult actual = instance.replaceCharacters(text);
-    const CharacterReplacementResult expected = qor::test::replacedStepByStep(text, table);
-    QOR_FUZZ_CHECK(actual.text == expected.text);
-    QOR_FUZZ_CHECK(actual.replacements.size() == expected.replacements.size());
-    for (std::size_t i = 0; i < actual.replacements.size(); ++i)
-    {
-        const Replacement& a = actual.replacements[i];
-        const Replacement& e = expected.replacements[i];
-        QOR_FUZZ_CHECK(a.position == e.position && a.from == e.from && a.to == e.to);
-    }
-
-    Utf8String applied = text;
-    instance.applyCharacterReplacements(applied);
-    Utf8String chained = text;
-    for (const auto& entry : table)
-    {
-        chained.replaceAll(entry.first, entry.second);
-    }
-    QOR_FUZZ_CHECK(applied == chained);
+    qor::fuzz::requireNothingWrong(qor::test::replacementDisagreements(input.substr(0, 512), table));
     return 0;
 }

@@ -13,7 +13,6 @@ namespace {
 using qor::common::errors::InvalidArgumentException;
 using qor::common::types::utf8::Utf8Char;
 using qor::common::types::utf8::Utf8String;
-using qor::test::isWellFormedUtf8;
 const auto npos = Utf8String::npos;
 
 // Mostly whole characters of every length; rarely a lone continuation byte, a
@@ -33,13 +32,10 @@ std::string randomText(std::mt19937& random, std::size_t maxPieces)
     return text;
 }
 
-// length() and find() count characters of well-formed text and throw for any
-// other; replace() counts a byte that starts no character as one character
-// and throws std::out_of_range for a position past the end. replaceAll works
-// on bytes: in place when the replacement is not longer, else into a new
-// string, searching sixteen offsets a step; it must match the plain
-// find-and-replace loop at every length around those steps, and with either
-// operand aliasing it.
+// The operations against the character and byte models of
+// utf8StringDisagreements. replaceAll works in place when the replacement is
+// not longer, else into a new string, searching sixteen offsets a step: texts
+// of every length around those steps, and either operand aliasing it.
 TEST(Utf8StringTest, OperationsMatchCharacterAndByteModels)
 {
     std::mt19937 random(1357);
@@ -48,44 +44,10 @@ TEST(Utf8StringTest, OperationsMatchCharacterAndByteModels)
         const std::string bytes = randomText(random, round % 100 == 0 ? 150 : 12);
         const std::string what = randomText(random, 2);
         const std::string with = randomText(random, 3);
-        const std::vector<std::size_t> chars = qor::test::characterOrByteOffsets(bytes);
-        const std::size_t pos = round % 50 == 0 ? npos : random() % (chars.size() + 2);
+        const std::size_t pos = round % 50 == 0 ? npos : random() % (qor::test::characterOrByteOffsets(bytes).size() + 2);
         const std::size_t count = round % 7 == 0 ? npos : random() % 4;
-        const Utf8String text(bytes);
-        std::string expected = bytes;
-        for (std::size_t at = expected.find(what); !what.empty() && at != std::string::npos;
-             at = expected.find(what, at + with.size()))
-        {
-            expected.replace(at, what.size(), with);
-        }
-        ASSERT_EQ(expected, Utf8String(bytes).replaceAll(what, with).str()) << bytes << " / " << what << " / " << with;
-        if (!isWellFormedUtf8(bytes) || !isWellFormedUtf8(what))
-        {
-            EXPECT_THROW(text.find(what, pos), InvalidArgumentException) << bytes << " / " << what;
-            EXPECT_THROW(Utf8String(what).find(text), InvalidArgumentException) << bytes << " / " << what;
-            EXPECT_THROW(Utf8String(isWellFormedUtf8(bytes) ? what : bytes).length(), InvalidArgumentException);
-        }
-        else
-        {
-            ASSERT_EQ(chars.size() - 1, text.length()) << bytes;
-            std::size_t found = npos;
-            for (std::size_t p = pos; p < chars.size() - 1 && found == npos; ++p)
-            {
-                found = bytes.compare(chars[p], what.size(), what) == 0 ? p : npos;
-            }
-            ASSERT_EQ(found, text.find(what, pos)) << bytes << " / " << what << " @" << pos;
-        }
-        Utf8String replaced(bytes);
-        if (pos >= chars.size())
-        {
-            EXPECT_THROW(replaced.replace(pos, count, with), std::out_of_range);
-            EXPECT_EQ(bytes, replaced.str());
-            continue;
-        }
-        expected = bytes;
-        const std::size_t end = std::min(chars.size() - 1, count == npos ? npos : pos + count);
-        expected.replace(chars[pos], chars[end] - chars[pos], with);
-        ASSERT_EQ(expected, replaced.replace(pos, count, with).str()) << bytes << " @" << pos << "+" << count;
+        ASSERT_EQ(qor::test::utf8StringDisagreements(bytes, what, with, pos, count), "")
+            << bytes << " / " << what << " / " << with << " @" << pos << "+" << count;
     }
     Utf8String self("abab");
     EXPECT_EQ("x", self.replaceAll(self, "x").str());
