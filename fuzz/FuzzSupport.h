@@ -31,6 +31,9 @@ inline void requireNothingWrong(const std::string& wrong)
     }
 }
 
+// Stops the run when the condition `holds` is false, naming it.
+#define QOR_FUZZ_CHECK(holds) ::qor::fuzz::requireNothingWrong((holds) ? std::string() : std::string(#holds))
+
 // Formats nothing more and prints nothing: records are still built in full by
 // the loggers, so that code path is fuzzed too.
 class DiscardingLogSink : public qor::common::logging::ILogSink
