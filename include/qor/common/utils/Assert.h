@@ -9,13 +9,29 @@
 // library's own invariants belong here: a caller's misuse must not turn
 // into silent corruption in a release build.
 //
+// The report is made inside libqor.common, because <assert.h> declares the C
+// library's report function only while NDEBUG is unset.
+//
 // Threads: any thread; a failed check aborts the process.
 #ifndef QOR_COMMON_UTILS_ASSERT_H
 #define QOR_COMMON_UTILS_ASSERT_H
 
-#include <assert.h>
+namespace qor {
+namespace common {
+namespace utils {
 
-#define QOR_ASSERT(condition) \
-    (static_cast<bool>(condition) ? void(0) : __assert_fail(#condition, __FILE__, __LINE__, __PRETTY_FUNCTION__))
+// Prints the standard assertion report for `condition` at the given place
+// and aborts.
+[[noreturn]] void assertionFailed(const char* condition, const char* file, unsigned int line,
+                                  const char* function) noexcept;
+
+} // namespace utils
+} // namespace common
+} // namespace qor
+
+#define QOR_ASSERT(condition)                                                                                   \
+    (static_cast<bool>(condition)                                                                               \
+         ? void(0)                                                                                              \
+         : ::qor::common::utils::assertionFailed(#condition, __FILE__, __LINE__, __PRETTY_FUNCTION__))
 
 #endif
