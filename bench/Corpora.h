@@ -29,8 +29,7 @@
 #include <string>
 #include <vector>
 
-namespace qor {
-namespace bench {
+namespace qor::bench {
 
 enum class Corpus
 {
@@ -281,7 +280,6 @@ inline const std::vector<std::string>& shortLines()
     return s_Lines;
 }
 
-} // namespace bench
-} // namespace qor
+} // namespace qor::bench
 
 #endif

@@ -17,8 +17,7 @@
 #include <string>
 #include <vector>
 
-namespace qor {
-namespace fuzz {
+namespace qor::fuzz {
 
 // Stops the run (libFuzzer saves the input) when `wrong`, what a property
 // check of tests/support found, is not empty.
@@ -68,7 +67,6 @@ inline std::vector<std::string> splitInput(const std::uint8_t* data, std::size_t
     return parts;
 }
 
-} // namespace fuzz
-} // namespace qor
+} // namespace qor::fuzz
 
 #endif

@@ -18,8 +18,7 @@
 #include <string>
 #include <vector>
 
-namespace qor {
-namespace test {
+namespace qor::test {
 
 class RecordingLogSink : public common::logging::ILogSink
 {
@@ -106,7 +105,6 @@ private:
     std::vector<LogRecord> m_Records;
 };
 
-} // namespace test
-} // namespace qor
+} // namespace qor::test
 
 #endif

@@ -17,8 +17,7 @@
 #include <string>
 #include <vector>
 
-namespace qor {
-namespace test {
+namespace qor::test {
 
 using ReplacementTable = nav::sdk::utils::common::CharacterReplacements::ReplacementTable;
 
@@ -93,7 +92,6 @@ inline std::string replacementDisagreements(const common::types::utf8::Utf8Strin
     return wrong + (applied != chained ? "applied " + applied.str() + ", chained " + chained.str() : "");
 }
 
-} // namespace test
-} // namespace qor
+} // namespace qor::test
 
 #endif

@@ -27,8 +27,7 @@
 #include <mutex>
 #include <thread>
 
-namespace qor {
-namespace test {
+namespace qor::test {
 
 // QOR_TEST_TIME_SCALE, read once; 1 when unset or below 1.
 inline long timeScale()
@@ -96,7 +95,6 @@ inline bool waitUntil(const std::function<bool()>& condition,
     return true;
 }
 
-} // namespace test
-} // namespace qor
+} // namespace qor::test
 
 #endif

@@ -29,8 +29,7 @@
 #include <string>
 #include <vector>
 
-namespace qor {
-namespace test {
+namespace qor::test {
 
 namespace wellformed {
 
@@ -198,7 +197,6 @@ inline std::string utf8StringDisagreements(const std::string& bytes, const std::
     return wrong + (replaced.replace(pos, count, with).str() != expected ? "replace; " : "");
 }
 
-} // namespace test
-} // namespace qor
+} // namespace qor::test
 
 #endif

@@ -8,8 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
-namespace qor {
-namespace trace {
+namespace qor::trace {
 
 namespace {
 
@@ -393,5 +392,4 @@ std::vector<std::string> TracePass::finish()
     return notes;
 }
 
-} // namespace trace
-} // namespace qor
+} // namespace qor::trace

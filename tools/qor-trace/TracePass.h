@@ -36,8 +36,7 @@
 #include <unordered_map>
 #include <vector>
 
-namespace qor {
-namespace trace {
+namespace qor::trace {
 
 // A written document: into a descriptor that the caller opened for writing
 // (it must allow positioned writes: a regular file) and closes, or kept in
@@ -148,7 +147,6 @@ private:
     std::string m_Scratch;
 };
 
-} // namespace trace
-} // namespace qor
+} // namespace qor::trace
 
 #endif

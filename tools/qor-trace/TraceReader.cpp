@@ -14,8 +14,7 @@
 #include <cmath>
 #include <cstring>
 
-namespace qor {
-namespace trace {
+namespace qor::trace {
 
 namespace {
 
@@ -857,5 +856,4 @@ std::string formatMicros(std::int64_t nanoseconds)
     return text;
 }
 
-} // namespace trace
-} // namespace qor
+} // namespace qor::trace

@@ -28,8 +28,7 @@
 #include <string_view>
 #include <vector>
 
-namespace qor {
-namespace trace {
+namespace qor::trace {
 
 // Where something is in a file: byte offset from 0, line from 1.
 struct Position
@@ -186,7 +185,6 @@ std::string threadId(const Event& event);
 // Formats nanoseconds as microseconds, with only the fraction digits needed.
 std::string formatMicros(std::int64_t nanoseconds);
 
-} // namespace trace
-} // namespace qor
+} // namespace qor::trace
 
 #endif

@@ -28,9 +28,7 @@
 #include <list>
 #include <string>
 
-namespace qor {
-namespace common {
-namespace errors {
+namespace qor::common::errors {
 
 // The cloning interface of the exception family.
 class ICloneable
@@ -74,8 +72,6 @@ public:
     std::list<types::SmartPtr<BaseException>> causes;
 };
 
-} // namespace errors
-} // namespace common
-} // namespace qor
+} // namespace qor::common::errors
 
 #endif

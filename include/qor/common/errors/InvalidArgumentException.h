@@ -7,9 +7,7 @@
 
 #include "qor/common/errors/BaseException.h"
 
-namespace qor {
-namespace common {
-namespace errors {
+namespace qor::common::errors {
 
 class InvalidArgumentException : public BaseException
 {
@@ -31,8 +29,6 @@ public:
     InvalidArgumentException* clone() const override;
 };
 
-} // namespace errors
-} // namespace common
-} // namespace qor
+} // namespace qor::common::errors
 
 #endif

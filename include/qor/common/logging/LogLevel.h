@@ -6,9 +6,7 @@
 #ifndef QOR_COMMON_LOGGING_LOGLEVEL_H
 #define QOR_COMMON_LOGGING_LOGLEVEL_H
 
-namespace qor {
-namespace common {
-namespace logging {
+namespace qor::common::logging {
 
 struct LogLevel
 {
@@ -27,8 +25,6 @@ struct LogLevel
     static const char* toString(logLevel level) noexcept;
 };
 
-} // namespace logging
-} // namespace common
-} // namespace qor
+} // namespace qor::common::logging
 
 #endif

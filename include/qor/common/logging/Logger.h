@@ -33,9 +33,7 @@
 #include <sstream>
 #include <string>
 
-namespace qor {
-namespace common {
-namespace logging {
+namespace qor::common::logging {
 
 // One finished log record, as handed to the sink.
 struct LogRecord
@@ -184,8 +182,6 @@ inline ScopedLogger::ScopedLogger(const Logger& logger, LogLevel::logLevel level
     }
 }
 
-} // namespace logging
-} // namespace common
-} // namespace qor
+} // namespace qor::common::logging
 
 #endif

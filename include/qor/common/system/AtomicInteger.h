@@ -6,9 +6,7 @@
 #ifndef QOR_COMMON_SYSTEM_ATOMICINTEGER_H
 #define QOR_COMMON_SYSTEM_ATOMICINTEGER_H
 
-namespace qor {
-namespace common {
-namespace system {
+namespace qor::common::system {
 
 class AtomicInteger
 {
@@ -27,8 +25,6 @@ public:
     }
 };
 
-} // namespace system
-} // namespace common
-} // namespace qor
+} // namespace qor::common::system
 
 #endif

@@ -12,9 +12,7 @@
 
 #include <cstdint>
 
-namespace qor {
-namespace common {
-namespace system {
+namespace qor::common::system {
 
 class Clock
 {
@@ -28,8 +26,6 @@ public:
     static void setTickCounterOffset(std::uint32_t offset) noexcept;
 };
 
-} // namespace system
-} // namespace common
-} // namespace qor
+} // namespace qor::common::system
 
 #endif

@@ -13,9 +13,7 @@
 
 #include <pthread.h>
 
-namespace qor {
-namespace common {
-namespace system {
+namespace qor::common::system {
 
 class CondVar
 {
@@ -40,8 +38,6 @@ private:
     pthread_cond_t m_Cond;
 };
 
-} // namespace system
-} // namespace common
-} // namespace qor
+} // namespace qor::common::system
 
 #endif

@@ -6,9 +6,7 @@
 
 #include <cstdint>
 
-namespace qor {
-namespace common {
-namespace system {
+namespace qor::common::system {
 
 class HighResolutionTimer
 {
@@ -23,8 +21,6 @@ public:
     static void setTickSource(TickSource source) noexcept;
 };
 
-} // namespace system
-} // namespace common
-} // namespace qor
+} // namespace qor::common::system
 
 #endif

@@ -14,9 +14,7 @@
 
 #include <pthread.h>
 
-namespace qor {
-namespace common {
-namespace system {
+namespace qor::common::system {
 
 class CondVar;
 
@@ -62,8 +60,6 @@ private:
     bool m_Locked;
 };
 
-} // namespace system
-} // namespace common
-} // namespace qor
+} // namespace qor::common::system
 
 #endif

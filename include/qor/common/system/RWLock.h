@@ -16,9 +16,7 @@
 
 #include <pthread.h>
 
-namespace qor {
-namespace common {
-namespace system {
+namespace qor::common::system {
 
 class RWLock
 {
@@ -64,8 +62,6 @@ private:
     const RWLock& m_Lock;
 };
 
-} // namespace system
-} // namespace common
-} // namespace qor
+} // namespace qor::common::system
 
 #endif

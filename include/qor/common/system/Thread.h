@@ -37,9 +37,7 @@
 #include <cstdint>
 #include <string>
 
-namespace qor {
-namespace common {
-namespace system {
+namespace qor::common::system {
 
 // A separate thread body.
 class Runnable
@@ -103,8 +101,6 @@ private:
     bool m_Adopted;          // represents a thread not started through this class
 };
 
-} // namespace system
-} // namespace common
-} // namespace qor
+} // namespace qor::common::system
 
 #endif

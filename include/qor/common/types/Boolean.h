@@ -3,9 +3,7 @@
 #ifndef QOR_COMMON_TYPES_BOOLEAN_H
 #define QOR_COMMON_TYPES_BOOLEAN_H
 
-namespace qor {
-namespace common {
-namespace types {
+namespace qor::common::types {
 
 class Boolean
 {
@@ -17,8 +15,6 @@ private:
     bool m_Value;
 };
 
-} // namespace types
-} // namespace common
-} // namespace qor
+} // namespace qor::common::types
 
 #endif

@@ -19,9 +19,7 @@
 
 #include <utility>
 
-namespace qor {
-namespace common {
-namespace types {
+namespace qor::common::types {
 
 template <typename T>
 class SmartPtr
@@ -103,8 +101,6 @@ private:
     int* m_Count;
 };
 
-} // namespace types
-} // namespace common
-} // namespace qor
+} // namespace qor::common::types
 
 #endif

@@ -23,9 +23,7 @@
 
 #include <string>
 
-namespace qor {
-namespace common {
-namespace units {
+namespace qor::common::units {
 
 // Unit kind of durations; the base unit is the millisecond.
 enum eDurationUnit
@@ -82,8 +80,6 @@ private:
     T m_Count;
 };
 
-} // namespace units
-} // namespace common
-} // namespace qor
+} // namespace qor::common::units
 
 #endif

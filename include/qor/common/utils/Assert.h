@@ -16,18 +16,14 @@
 #ifndef QOR_COMMON_UTILS_ASSERT_H
 #define QOR_COMMON_UTILS_ASSERT_H
 
-namespace qor {
-namespace common {
-namespace utils {
+namespace qor::common::utils {
 
 // Prints the standard assertion report for `condition` at the given place
 // and aborts.
 [[noreturn]] void assertionFailed(const char* condition, const char* file, unsigned int line,
                                   const char* function) noexcept;
 
-} // namespace utils
-} // namespace common
-} // namespace qor
+} // namespace qor::common::utils
 
 #define QOR_ASSERT(condition)                                                                                   \
     (static_cast<bool>(condition)                                                                               \

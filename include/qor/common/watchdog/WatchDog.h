@@ -35,9 +35,7 @@
 #include <memory>
 #include <string>
 
-namespace qor {
-namespace common {
-namespace watchdog {
+namespace qor::common::watchdog {
 
 class WatchDog
 {
@@ -64,8 +62,6 @@ private:
     std::shared_ptr<State> m_State;
 };
 
-} // namespace watchdog
-} // namespace common
-} // namespace qor
+} // namespace qor::common::watchdog
 
 #endif

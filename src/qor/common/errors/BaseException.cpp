@@ -6,9 +6,7 @@
 
 #include <cstdlib>
 
-namespace qor {
-namespace common {
-namespace errors {
+namespace qor::common::errors {
 
 namespace {
 
@@ -115,6 +113,4 @@ InvalidArgumentException* InvalidArgumentException::clone() const
     return new InvalidArgumentException(*this);
 }
 
-} // namespace errors
-} // namespace common
-} // namespace qor
+} // namespace qor::common::errors

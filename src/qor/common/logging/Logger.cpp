@@ -10,9 +10,7 @@
 #include <map>
 #include <mutex>
 
-namespace qor {
-namespace common {
-namespace logging {
+namespace qor::common::logging {
 
 namespace {
 
@@ -233,6 +231,4 @@ void Logger::resetThresholds()
     s_ThresholdGeneration.fetch_add(1, std::memory_order_acq_rel);
 }
 
-} // namespace logging
-} // namespace common
-} // namespace qor
+} // namespace qor::common::logging

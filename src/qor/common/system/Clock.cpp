@@ -5,9 +5,7 @@
 
 #include <atomic>
 
-namespace qor {
-namespace common {
-namespace system {
+namespace qor::common::system {
 
 namespace {
 
@@ -45,6 +43,4 @@ void HighResolutionTimer::setTickSource(TickSource source) noexcept
     s_TickSource.store(source, std::memory_order_release);
 }
 
-} // namespace system
-} // namespace common
-} // namespace qor
+} // namespace qor::common::system

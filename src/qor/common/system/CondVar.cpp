@@ -5,9 +5,7 @@
 #include <cerrno>
 #include <system_error>
 
-namespace qor {
-namespace common {
-namespace system {
+namespace qor::common::system {
 
 CondVar::CondVar()
 {
@@ -57,6 +55,4 @@ bool CondVar::wait(Mutex& mutex, unsigned int timeout)
     return ::pthread_cond_timedwait(&m_Cond, &mutex.m_Mutex, &deadline) != ETIMEDOUT;
 }
 
-} // namespace system
-} // namespace common
-} // namespace qor
+} // namespace qor::common::system

@@ -7,10 +7,7 @@
 
 #include <cstdint>
 
-namespace qor {
-namespace common {
-namespace system {
-namespace detail {
+namespace qor::common::system::detail {
 
 inline std::uint64_t currentKernelThreadId() noexcept
 {
@@ -23,9 +20,6 @@ inline std::uint64_t currentKernelThreadId() noexcept
     return t_Id;
 }
 
-} // namespace detail
-} // namespace system
-} // namespace common
-} // namespace qor
+} // namespace qor::common::system::detail
 
 #endif

@@ -4,9 +4,7 @@
 #include <cerrno>
 #include <system_error>
 
-namespace qor {
-namespace common {
-namespace system {
+namespace qor::common::system {
 
 Mutex::Mutex()
 {
@@ -66,6 +64,4 @@ void MutexGuard::unlock()
     }
 }
 
-} // namespace system
-} // namespace common
-} // namespace qor
+} // namespace qor::common::system

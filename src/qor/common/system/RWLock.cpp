@@ -3,9 +3,7 @@
 #include <cassert>
 #include <system_error>
 
-namespace qor {
-namespace common {
-namespace system {
+namespace qor::common::system {
 
 RWLock::RWLock()
 {
@@ -54,6 +52,4 @@ void RWLock::UnLock() noexcept
     ::pthread_rwlock_unlock(&m_Lock);
 }
 
-} // namespace system
-} // namespace common
-} // namespace qor
+} // namespace qor::common::system

@@ -8,9 +8,7 @@
 #include <exception>
 #include <system_error>
 
-namespace qor {
-namespace common {
-namespace system {
+namespace qor::common::system {
 
 namespace {
 
@@ -249,6 +247,4 @@ void* Thread::threadMain(void* self)
     return nullptr;
 }
 
-} // namespace system
-} // namespace common
-} // namespace qor
+} // namespace qor::common::system

@@ -4,15 +4,11 @@
 
 #include <assert.h>
 
-namespace qor {
-namespace common {
-namespace utils {
+namespace qor::common::utils {
 
 void assertionFailed(const char* condition, const char* file, unsigned int line, const char* function) noexcept
 {
     __assert_fail(condition, file, line, function);
 }
 
-} // namespace utils
-} // namespace common
-} // namespace qor
+} // namespace qor::common::utils

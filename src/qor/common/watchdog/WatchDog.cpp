@@ -13,9 +13,7 @@
 #include <thread>
 #include <vector>
 
-namespace qor {
-namespace common {
-namespace watchdog {
+namespace qor::common::watchdog {
 
 namespace {
 
@@ -261,6 +259,4 @@ std::uint64_t WatchDog::getReportCount() const
     return m_State->reportCount.load(std::memory_order_acquire);
 }
 
-} // namespace watchdog
-} // namespace common
-} // namespace qor
+} // namespace qor::common::watchdog

@@ -34,10 +34,7 @@
 #include <cstdint>
 #include <string>
 
-namespace qor {
-namespace common {
-namespace types {
-namespace utf8 {
+namespace qor::common::types::utf8 {
 
 // One Unicode code point. The value is stored as given; append() checks it.
 class Utf8Char
@@ -127,9 +124,6 @@ private:
     std::string m_Bytes;
 };
 
-} // namespace utf8
-} // namespace types
-} // namespace common
-} // namespace qor
+} // namespace qor::common::types::utf8
 
 #endif

@@ -28,9 +28,7 @@
 
 #include "qor/common/utils/Assert.h"
 
-namespace qor {
-namespace common {
-namespace utils {
+namespace qor::common::utils {
 
 template <typename T>
 struct IntrusiveListElem
@@ -93,8 +91,6 @@ private:
     T** m_End;
 };
 
-} // namespace utils
-} // namespace common
-} // namespace qor
+} // namespace qor::common::utils
 
 #endif

@@ -20,11 +20,7 @@
 #include <emmintrin.h>
 #endif
 
-namespace qor {
-namespace common {
-namespace types {
-namespace utf8 {
-namespace detail {
+namespace qor::common::types::utf8::detail {
 
 // The first offset at or after `from` where the `needleSize` bytes of
 // `needle` occur in the `size` bytes of `data`, or std::string::npos.
@@ -131,10 +127,6 @@ inline std::size_t countCharacterStarts(const char* data, std::size_t size) noex
     return count;
 }
 
-} // namespace detail
-} // namespace utf8
-} // namespace types
-} // namespace common
-} // namespace qor
+} // namespace qor::common::types::utf8::detail
 
 #endif

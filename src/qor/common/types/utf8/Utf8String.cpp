@@ -6,10 +6,7 @@
 #include <cstring>
 #include <stdexcept>
 
-namespace qor {
-namespace common {
-namespace types {
-namespace utf8 {
+namespace qor::common::types::utf8 {
 
 namespace {
 
@@ -266,7 +263,4 @@ Utf8String& Utf8String::append(const Utf8String& other)
     return *this;
 }
 
-} // namespace utf8
-} // namespace types
-} // namespace common
-} // namespace qor
+} // namespace qor::common::types::utf8

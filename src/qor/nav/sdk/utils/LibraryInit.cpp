@@ -5,10 +5,7 @@
 #include <boost/asio/error.hpp>
 #include <boost/system/error_code.hpp>
 
-namespace qor {
-namespace nav {
-namespace sdk {
-namespace utils {
+namespace qor::nav::sdk::utils {
 namespace {
 
 struct BoostCategories
@@ -26,7 +23,4 @@ struct BoostCategories
 const BoostCategories s_BoostCategories;
 
 } // namespace
-} // namespace utils
-} // namespace sdk
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::sdk::utils

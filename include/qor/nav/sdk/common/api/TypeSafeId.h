@@ -11,11 +11,7 @@
 #include <cstddef>
 #include <functional>
 
-namespace qor {
-namespace nav {
-namespace sdk {
-namespace common {
-namespace api {
+namespace qor::nav::sdk::common::api {
 
 template <typename Tag, typename T, T INVALID>
 class TypeSafeId
@@ -39,11 +35,7 @@ private:
     T m_Value;
 };
 
-} // namespace api
-} // namespace common
-} // namespace sdk
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::sdk::common::api
 
 namespace std {
 template <typename Tag, typename T, T INVALID>

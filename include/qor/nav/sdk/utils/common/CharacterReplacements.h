@@ -40,11 +40,7 @@
 #include <utility>
 #include <vector>
 
-namespace qor {
-namespace nav {
-namespace sdk {
-namespace utils {
-namespace common {
+namespace qor::nav::sdk::utils::common {
 
 namespace detail {
 // Internal: the readers' copy of one table.
@@ -134,10 +130,6 @@ private:
     qor::common::system::RWLock m_Lock; // guards m_Replacements
 };
 
-} // namespace common
-} // namespace utils
-} // namespace sdk
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::sdk::utils::common
 
 #endif

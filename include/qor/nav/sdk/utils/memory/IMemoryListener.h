@@ -23,11 +23,7 @@
 #include "qor/common/utils/intrusivelist/IntrusiveList.h"
 #include "qor/nav/sdk/utils/memory/MemoryStatus.h"
 
-namespace qor {
-namespace nav {
-namespace sdk {
-namespace utils {
-namespace memory {
+namespace qor::nav::sdk::utils::memory {
 
 class IMemoryListener
 {
@@ -51,10 +47,6 @@ public:
     qor::common::utils::IntrusiveListElem<IMemoryListener> m_Elem;
 };
 
-} // namespace memory
-} // namespace utils
-} // namespace sdk
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::sdk::utils::memory
 
 #endif

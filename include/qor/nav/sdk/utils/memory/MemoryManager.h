@@ -51,11 +51,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace qor {
-namespace nav {
-namespace sdk {
-namespace utils {
-namespace memory {
+namespace qor::nav::sdk::utils::memory {
 
 class MemoryManager
 {
@@ -156,10 +152,6 @@ private:
     float m_MaxChunksAsFloat;
 };
 
-} // namespace memory
-} // namespace utils
-} // namespace sdk
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::sdk::utils::memory
 
 #endif

@@ -12,11 +12,7 @@
 
 #include <cstdint>
 
-namespace qor {
-namespace nav {
-namespace sdk {
-namespace utils {
-namespace memory {
+namespace qor::nav::sdk::utils::memory {
 
 // Unscoped on purpose: existing callers write both `MemoryStatus::High` and
 // compare levels by their order (`status > High`).
@@ -28,10 +24,6 @@ enum MemoryStatus : std::uint16_t
     Critical = 3  // passed 0.98, not yet back below 0.95; no chunks are granted
 };
 
-} // namespace memory
-} // namespace utils
-} // namespace sdk
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::sdk::utils::memory
 
 #endif

@@ -13,12 +13,7 @@
 
 #include <string>
 
-namespace qor {
-namespace nav {
-namespace sdk {
-namespace utils {
-namespace statemachine {
-namespace utils {
+namespace qor::nav::sdk::utils::statemachine::utils {
 
 // Returns `label`, one blank and "true" or "false" (std::boolalpha), with no
 // quoting and no line end: print("isReady", true) is "isReady true". An empty
@@ -32,11 +27,6 @@ std::string print(std::string label, bool value);
 // stream operation throws; the exception passes on.
 void logStateReact(::qor::common::logging::Logger& logger, const std::string& stateName);
 
-} // namespace utils
-} // namespace statemachine
-} // namespace utils
-} // namespace sdk
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::sdk::utils::statemachine::utils
 
 #endif

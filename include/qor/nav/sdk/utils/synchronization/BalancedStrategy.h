@@ -28,11 +28,7 @@
 #include <cstdint>
 #include <list>
 
-namespace qor {
-namespace nav {
-namespace sdk {
-namespace utils {
-namespace synchronization {
+namespace qor::nav::sdk::utils::synchronization {
 
 class BalancedStrategy : public Strategy
 {
@@ -131,10 +127,6 @@ private:
     HolderList m_SpareHolders;
 };
 
-} // namespace synchronization
-} // namespace utils
-} // namespace sdk
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::sdk::utils::synchronization
 
 #endif

@@ -19,11 +19,7 @@
 
 #include <memory>
 
-namespace qor {
-namespace nav {
-namespace sdk {
-namespace utils {
-namespace synchronization {
+namespace qor::nav::sdk::utils::synchronization {
 
 class Function
 {
@@ -39,10 +35,6 @@ public:
     virtual void execute() = 0;
 };
 
-} // namespace synchronization
-} // namespace utils
-} // namespace sdk
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::sdk::utils::synchronization
 
 #endif

@@ -21,11 +21,7 @@
 
 #include <cstdint>
 
-namespace qor {
-namespace nav {
-namespace sdk {
-namespace utils {
-namespace synchronization {
+namespace qor::nav::sdk::utils::synchronization {
 
 class FunctionExecutionScheduler;
 
@@ -45,10 +41,6 @@ struct FunctionExecution
     std::uint32_t period{0};
 };
 
-} // namespace synchronization
-} // namespace utils
-} // namespace sdk
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::sdk::utils::synchronization
 
 #endif

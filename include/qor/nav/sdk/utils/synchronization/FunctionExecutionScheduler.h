@@ -31,11 +31,7 @@
 #include <memory>
 #include <string>
 
-namespace qor {
-namespace nav {
-namespace sdk {
-namespace utils {
-namespace synchronization {
+namespace qor::nav::sdk::utils::synchronization {
 
 class FunctionExecutionSchedulerImpl;
 
@@ -102,10 +98,6 @@ private:
     std::unique_ptr<FunctionExecutionSchedulerImpl> m_pImpl;
 };
 
-} // namespace synchronization
-} // namespace utils
-} // namespace sdk
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::sdk::utils::synchronization
 
 #endif

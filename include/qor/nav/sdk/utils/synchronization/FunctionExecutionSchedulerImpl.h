@@ -42,11 +42,7 @@
 #include <memory>
 #include <string>
 
-namespace qor {
-namespace nav {
-namespace sdk {
-namespace utils {
-namespace synchronization {
+namespace qor::nav::sdk::utils::synchronization {
 
 class FunctionExecutionSchedulerImpl : public qor::common::system::Thread
 {
@@ -143,10 +139,6 @@ private:
     std::shared_ptr<Strategy> m_strategy;
 };
 
-} // namespace synchronization
-} // namespace utils
-} // namespace sdk
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::sdk::utils::synchronization
 
 #endif

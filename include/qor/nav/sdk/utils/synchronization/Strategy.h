@@ -21,11 +21,7 @@
 
 #include "qor/nav/sdk/utils/synchronization/FunctionExecution.h"
 
-namespace qor {
-namespace nav {
-namespace sdk {
-namespace utils {
-namespace synchronization {
+namespace qor::nav::sdk::utils::synchronization {
 
 class Strategy
 {
@@ -56,10 +52,6 @@ public:
     virtual unsigned int getTimeToNextFunctionExecution() const = 0;
 };
 
-} // namespace synchronization
-} // namespace utils
-} // namespace sdk
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::sdk::utils::synchronization
 
 #endif

@@ -48,11 +48,7 @@
 #include <string>
 #include <vector>
 
-namespace qor {
-namespace nav {
-namespace sdk {
-namespace utils {
-namespace timeline {
+namespace qor::nav::sdk::utils::timeline {
 
 class Timeline
 {
@@ -166,10 +162,6 @@ private:
     std::unique_ptr<char[]> m_StreamBuffer;
 };
 
-} // namespace timeline
-} // namespace utils
-} // namespace sdk
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::sdk::utils::timeline
 
 #endif

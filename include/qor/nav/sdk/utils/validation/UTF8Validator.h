@@ -24,11 +24,7 @@
 
 #include "qor/common/types/utf8/Utf8String.h"
 
-namespace qor {
-namespace nav {
-namespace sdk {
-namespace utils {
-namespace validation {
+namespace qor::nav::sdk::utils::validation {
 
 class UTF8Validator
 {
@@ -61,10 +57,6 @@ public:
     static Utf8String makeStrictUtf8Conform(const Utf8String& text);
 };
 
-} // namespace validation
-} // namespace utils
-} // namespace sdk
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::sdk::utils::validation
 
 #endif

@@ -8,11 +8,7 @@
 #include <cstring>
 #include <string>
 
-namespace qor {
-namespace nav {
-namespace sdk {
-namespace utils {
-namespace common {
+namespace qor::nav::sdk::utils::common {
 
 using qor::common::errors::InvalidArgumentException;
 using qor::common::system::RWLockReadGuard;
@@ -559,8 +555,4 @@ CharacterReplacementResult CharacterReplacements::replaceCharacters(const Utf8St
     return result;
 }
 
-} // namespace common
-} // namespace utils
-} // namespace sdk
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::sdk::utils::common

@@ -10,11 +10,7 @@
 #include <xmmintrin.h>
 #endif
 
-namespace qor {
-namespace nav {
-namespace sdk {
-namespace utils {
-namespace memory {
+namespace qor::nav::sdk::utils::memory {
 
 using common::logging::Logger;
 using common::logging::LogLevel;
@@ -287,8 +283,4 @@ void MemoryManager::recomputeStatus(float consumption)
     }
 }
 
-} // namespace memory
-} // namespace utils
-} // namespace sdk
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::sdk::utils::memory

@@ -5,12 +5,7 @@
 #include <ostream>
 #include <sstream>
 
-namespace qor {
-namespace nav {
-namespace sdk {
-namespace utils {
-namespace statemachine {
-namespace utils {
+namespace qor::nav::sdk::utils::statemachine::utils {
 
 using ::qor::common::logging::Logger;
 using ::qor::common::logging::LogLevel;
@@ -35,9 +30,4 @@ void logStateReact(Logger& logger, const std::string& stateName)
     }
 }
 
-} // namespace utils
-} // namespace statemachine
-} // namespace utils
-} // namespace sdk
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::sdk::utils::statemachine::utils

@@ -8,11 +8,7 @@
 #include <cstdint>
 #include <iterator>
 
-namespace qor {
-namespace nav {
-namespace sdk {
-namespace utils {
-namespace synchronization {
+namespace qor::nav::sdk::utils::synchronization {
 
 using qor::common::errors::IllegalStateException;
 using qor::common::system::Clock;
@@ -311,8 +307,4 @@ FunctionExecution BalancedStrategy::getNextUntimedFunctionExecution()
     return result;
 }
 
-} // namespace synchronization
-} // namespace utils
-} // namespace sdk
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::sdk::utils::synchronization

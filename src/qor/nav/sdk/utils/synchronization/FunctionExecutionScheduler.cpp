@@ -6,11 +6,7 @@
 #include <cassert>
 #include <utility>
 
-namespace qor {
-namespace nav {
-namespace sdk {
-namespace utils {
-namespace synchronization {
+namespace qor::nav::sdk::utils::synchronization {
 
 FunctionExecutionScheduler::FunctionExecutionScheduler(const std::string& name, std::shared_ptr<Strategy> strategy,
                                                        unsigned int watchdogArg1, unsigned int watchdogArg2)
@@ -87,8 +83,4 @@ void FunctionExecutionScheduler::asyncRemoveFunctionExecution(const FunctionExec
     m_pImpl->asyncRemoveFunctionExecution(id);
 }
 
-} // namespace synchronization
-} // namespace utils
-} // namespace sdk
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::sdk::utils::synchronization

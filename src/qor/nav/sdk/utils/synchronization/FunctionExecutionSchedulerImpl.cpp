@@ -7,11 +7,7 @@
 #include <exception>
 #include <utility>
 
-namespace qor {
-namespace nav {
-namespace sdk {
-namespace utils {
-namespace synchronization {
+namespace qor::nav::sdk::utils::synchronization {
 
 using qor::common::errors::IllegalStateException;
 using qor::common::logging::LogLevel;
@@ -258,8 +254,4 @@ void FunctionExecutionSchedulerImpl::run()
     m_logger << LogLevel::Info << "stopped." << std::endl;
 }
 
-} // namespace synchronization
-} // namespace utils
-} // namespace sdk
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::sdk::utils::synchronization

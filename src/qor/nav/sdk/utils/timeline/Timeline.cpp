@@ -14,11 +14,7 @@
 #include <cstdarg>
 #include <new>
 
-namespace qor {
-namespace nav {
-namespace sdk {
-namespace utils {
-namespace timeline {
+namespace qor::nav::sdk::utils::timeline {
 
 namespace {
 
@@ -362,8 +358,4 @@ void Timeline::finishSessionCommon()
     }
 }
 
-} // namespace timeline
-} // namespace utils
-} // namespace sdk
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::sdk::utils::timeline

@@ -7,11 +7,7 @@
 #include <cstring>
 #include <exception>
 
-namespace qor {
-namespace nav {
-namespace sdk {
-namespace utils {
-namespace validation {
+namespace qor::nav::sdk::utils::validation {
 
 using qor::common::logging::Logger;
 using qor::common::logging::LogLevel;
@@ -253,8 +249,4 @@ Utf8String UTF8Validator::makeStrictUtf8Conform(const Utf8String& text)
     return result;
 }
 
-} // namespace validation
-} // namespace utils
-} // namespace sdk
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::sdk::utils::validation

@@ -18,12 +18,7 @@
 #include <cstdint>
 #include <string>
 
-namespace qor {
-namespace nav {
-namespace sdk {
-namespace utils {
-namespace validation {
-namespace detail {
+namespace qor::nav::sdk::utils::validation::detail {
 
 constexpr std::uint8_t kAccept = 0;
 constexpr std::uint8_t kReject = 12;
@@ -51,11 +46,6 @@ bool validateStrictUtf8Reference(const char* bytes, std::size_t size) noexcept;
 // logs why at level Error, leaves `result` alone and returns false.
 bool convertCESU8ToUTF8(const std::string& group, qor::common::types::utf8::Utf8String& result);
 
-} // namespace detail
-} // namespace validation
-} // namespace utils
-} // namespace sdk
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::sdk::utils::validation::detail
 
 #endif

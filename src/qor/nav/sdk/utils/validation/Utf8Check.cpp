@@ -12,12 +12,7 @@
 #include <arm_neon.h>
 #endif
 
-namespace qor {
-namespace nav {
-namespace sdk {
-namespace utils {
-namespace validation {
-namespace detail {
+namespace qor::nav::sdk::utils::validation::detail {
 
 namespace {
 
@@ -721,9 +716,4 @@ bool isStrictUtf8WithoutControls(const std::uint8_t* data, std::size_t size) noe
     return fastestPath().isStrictUtf8WithoutControls(data, size);
 }
 
-} // namespace detail
-} // namespace validation
-} // namespace utils
-} // namespace sdk
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::sdk::utils::validation::detail

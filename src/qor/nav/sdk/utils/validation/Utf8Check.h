@@ -24,12 +24,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace qor {
-namespace nav {
-namespace sdk {
-namespace utils {
-namespace validation {
-namespace detail {
+namespace qor::nav::sdk::utils::validation::detail {
 
 using Utf8CheckFunction = bool (*)(const std::uint8_t* data, std::size_t size) noexcept;
 
@@ -50,11 +45,6 @@ const Utf8CheckPath* availableUtf8CheckPaths(std::size_t& count) noexcept;
 bool isStrictUtf8(const std::uint8_t* data, std::size_t size) noexcept;
 bool isStrictUtf8WithoutControls(const std::uint8_t* data, std::size_t size) noexcept;
 
-} // namespace detail
-} // namespace validation
-} // namespace utils
-} // namespace sdk
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::sdk::utils::validation::detail
 
 #endif

@@ -17,12 +17,7 @@
 
 #include <cstdint>
 
-namespace qor {
-namespace nav {
-namespace middleware {
-namespace interface {
-namespace types {
-namespace language {
+namespace qor::nav::middleware::interface::types::language {
 
 class LanguageId
 {
@@ -75,11 +70,6 @@ private:
     std::uint8_t m_Variant = 0;
 };
 
-} // namespace language
-} // namespace types
-} // namespace interface
-} // namespace middleware
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::middleware::interface::types::language
 
 #endif

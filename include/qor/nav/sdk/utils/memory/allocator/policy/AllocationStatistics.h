@@ -28,13 +28,7 @@
 
 #include <cstdint>
 
-namespace qor {
-namespace nav {
-namespace sdk {
-namespace utils {
-namespace memory {
-namespace allocator {
-namespace policy {
+namespace qor::nav::sdk::utils::memory::allocator::policy {
 
 class AllocationStatistics
 {
@@ -56,12 +50,6 @@ public:
     const char* m_Name;              // not owned
 };
 
-} // namespace policy
-} // namespace allocator
-} // namespace memory
-} // namespace utils
-} // namespace sdk
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::sdk::utils::memory::allocator::policy
 
 #endif

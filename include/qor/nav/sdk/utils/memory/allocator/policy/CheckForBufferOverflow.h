@@ -38,13 +38,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace qor {
-namespace nav {
-namespace sdk {
-namespace utils {
-namespace memory {
-namespace allocator {
-namespace policy {
+namespace qor::nav::sdk::utils::memory::allocator::policy {
 
 class CheckForBufferOverflow
 {
@@ -76,12 +70,6 @@ private:
     const char* m_Name;
 };
 
-} // namespace policy
-} // namespace allocator
-} // namespace memory
-} // namespace utils
-} // namespace sdk
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::sdk::utils::memory::allocator::policy
 
 #endif

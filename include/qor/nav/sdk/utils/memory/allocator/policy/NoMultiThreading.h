@@ -12,13 +12,7 @@
 #ifndef QOR_NAV_SDK_UTILS_MEMORY_ALLOCATOR_POLICY_NOMULTITHREADING_H
 #define QOR_NAV_SDK_UTILS_MEMORY_ALLOCATOR_POLICY_NOMULTITHREADING_H
 
-namespace qor {
-namespace nav {
-namespace sdk {
-namespace utils {
-namespace memory {
-namespace allocator {
-namespace policy {
+namespace qor::nav::sdk::utils::memory::allocator::policy {
 
 class NoMultiThreading
 {
@@ -37,12 +31,6 @@ public:
     Guard lock() { return Guard(); }
 };
 
-} // namespace policy
-} // namespace allocator
-} // namespace memory
-} // namespace utils
-} // namespace sdk
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::sdk::utils::memory::allocator::policy
 
 #endif

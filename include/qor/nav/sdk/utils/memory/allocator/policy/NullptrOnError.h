@@ -14,13 +14,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace qor {
-namespace nav {
-namespace sdk {
-namespace utils {
-namespace memory {
-namespace allocator {
-namespace policy {
+namespace qor::nav::sdk::utils::memory::allocator::policy {
 
 class NullptrOnError
 {
@@ -37,12 +31,6 @@ public:
     void handleDeallocation(void* /*p*/) {}
 };
 
-} // namespace policy
-} // namespace allocator
-} // namespace memory
-} // namespace utils
-} // namespace sdk
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::sdk::utils::memory::allocator::policy
 
 #endif

@@ -18,13 +18,7 @@
 
 #include "qor/common/system/Mutex.h"
 
-namespace qor {
-namespace nav {
-namespace sdk {
-namespace utils {
-namespace memory {
-namespace allocator {
-namespace policy {
+namespace qor::nav::sdk::utils::memory::allocator::policy {
 
 class ProtectByMutexGuard
 {
@@ -59,12 +53,6 @@ private:
     qor::common::system::Mutex m_Mutex;
 };
 
-} // namespace policy
-} // namespace allocator
-} // namespace memory
-} // namespace utils
-} // namespace sdk
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::sdk::utils::memory::allocator::policy
 
 #endif

@@ -22,13 +22,7 @@
 
 #include <atomic>
 
-namespace qor {
-namespace nav {
-namespace sdk {
-namespace utils {
-namespace memory {
-namespace allocator {
-namespace policy {
+namespace qor::nav::sdk::utils::memory::allocator::policy {
 
 class ProtectBySpinLockGuard
 {
@@ -99,12 +93,6 @@ private:
 
 static_assert(sizeof(std::atomic<unsigned char>) == 1, "the spin lock is a single byte");
 
-} // namespace policy
-} // namespace allocator
-} // namespace memory
-} // namespace utils
-} // namespace sdk
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::sdk::utils::memory::allocator::policy
 
 #endif

@@ -7,13 +7,7 @@
 #include <cstring>
 #include <ostream>
 
-namespace qor {
-namespace nav {
-namespace sdk {
-namespace utils {
-namespace memory {
-namespace allocator {
-namespace policy {
+namespace qor::nav::sdk::utils::memory::allocator::policy {
 
 using common::logging::Logger;
 using common::logging::LogLevel;
@@ -117,10 +111,4 @@ void* CheckForBufferOverflow::onDeallocation(void* userPtr)
     return raw;
 }
 
-} // namespace policy
-} // namespace allocator
-} // namespace memory
-} // namespace utils
-} // namespace sdk
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::sdk::utils::memory::allocator::policy

@@ -1,12 +1,6 @@
 #include "qor/nav/sdk/utils/memory/allocator/policy/ProtectByMutex.h"
 
-namespace qor {
-namespace nav {
-namespace sdk {
-namespace utils {
-namespace memory {
-namespace allocator {
-namespace policy {
+namespace qor::nav::sdk::utils::memory::allocator::policy {
 
 using common::system::Mutex;
 
@@ -48,10 +42,4 @@ ProtectByMutexGuard ProtectByMutex::lock()
     return ProtectByMutexGuard(m_Mutex);
 }
 
-} // namespace policy
-} // namespace allocator
-} // namespace memory
-} // namespace utils
-} // namespace sdk
-} // namespace nav
-} // namespace qor
+} // namespace qor::nav::sdk::utils::memory::allocator::policy
