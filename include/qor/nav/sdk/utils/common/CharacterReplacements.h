@@ -21,13 +21,16 @@
 // search text matches at every free position.
 //
 // Ownership: the instance is a function-local static created on first use
-// and destroyed at process exit; it keeps its own copy of the table set.
-// Readers copy the one table they need and work on the copy.
+// and destroyed at process exit; it keeps its own copy of the table set, and
+// the replacement id's table prepared for the readers. That prepared table is
+// immutable and shared: a reader takes a reference and works on it, and a
+// replaced table goes with its last reader.
 //
 // Threads: every operation may be called from any thread at the same time.
-// setCharacterReplacements() holds the write lock while it assigns; readers
-// hold the read lock only while they copy their table, and a table set
-// replaced during a read does not affect that read.
+// setCharacterReplacements() prepares the new tables first and holds the
+// write lock only to put them in place; readers hold the read lock only to
+// take their reference, so a reader sees one whole table, old or new, and a
+// table set replaced during a read does not affect that read.
 #ifndef QOR_NAV_SDK_UTILS_COMMON_CHARACTERREPLACEMENTS_H
 #define QOR_NAV_SDK_UTILS_COMMON_CHARACTERREPLACEMENTS_H
 
@@ -37,14 +40,15 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <utility>
 #include <vector>
 
 namespace qor::nav::sdk::utils::common {
 
 namespace detail {
-// Internal: the readers' copy of one table.
-struct ReplacementSnapshot;
+// Internal: the replacement id's table as the readers use it.
+struct PreparedTable;
 } // namespace detail
 
 // One occurrence accepted by CharacterReplacements::replaceCharacters().
@@ -90,8 +94,9 @@ public:
     CharacterReplacements& operator=(const CharacterReplacements&) = delete;
 
     // Replaces the whole table set by a copy of `replacements`; ids missing
-    // from it are gone afterwards. Blocks while readers copy a table. On an
-    // allocation failure the old set stays and the exception propagates.
+    // from it are gone afterwards. Waits while readers take their reference.
+    // On an allocation failure the old set stays and the exception
+    // propagates.
     void setCharacterReplacements(const ReplacementTables& replacements);
 
     // Rewrites `text` in place: for each entry of the table, in order,
@@ -108,26 +113,27 @@ public:
     // accepted one's extent measured by the length of its replacement text,
     // or when it starts before an accepted one and its search text's byte
     // count reaches past that one's position. The accepted occurrences are
-    // then replaced from right to left. When an InvalidArgumentException
-    // (text that is not well-formed UTF-8) ends the search for an entry, the
-    // occurrences kept so far stay and the next entry is searched; nothing is
-    // logged. Other exceptions (allocation failures, std::length_error
-    // "vector::reserve" for inputs beyond the record vector's maximum)
-    // propagate. For well-formed text and tables the time grows linearly
-    // with the text (positions are counted while searching, and conflicts
-    // are looked up per position instead of scanned); otherwise the work goes
-    // through Utf8String's find() and replace() one occurrence at a time.
+    // then replaced from right to left. Text that is not well-formed UTF-8
+    // ends the search as an InvalidArgumentException from Utf8String's
+    // find() or length() would: the input gets no records, such a search
+    // text no occurrences, and a replacement text that must be measured to
+    // test a later occurrence ends that occurrence's entry, the occurrences
+    // kept so far staying; nothing is logged. Other exceptions (allocation
+    // failures, std::length_error "vector::reserve" for inputs beyond the
+    // record vector's maximum) propagate. The time grows linearly with the
+    // text and the number of occurrences.
     CharacterReplacementResult replaceCharacters(const Utf8String& text) const;
 
 private:
     CharacterReplacements();
 
-    // A copy of the table stored under the replacement id (no entries when
-    // there is none), taken under the read lock.
-    void takeSnapshot(detail::ReplacementSnapshot& snapshot) const;
+    // The prepared table of the replacement id (null when there is none or
+    // it is empty), taken under the read lock.
+    std::shared_ptr<const detail::PreparedTable> snapshot() const;
 
-    ReplacementTables m_Replacements;
-    qor::common::system::RWLock m_Lock; // guards m_Replacements
+    ReplacementTables m_Replacements;                     // guarded by m_Lock
+    std::shared_ptr<const detail::PreparedTable> m_Table; // guarded by m_Lock
+    qor::common::system::RWLock m_Lock;
 };
 
 } // namespace qor::nav::sdk::utils::common

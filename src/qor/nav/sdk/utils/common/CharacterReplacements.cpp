@@ -1,443 +1,244 @@
 #include "qor/nav/sdk/utils/common/CharacterReplacements.h"
 
-#include "qor/common/errors/InvalidArgumentException.h"
 #include "qor/common/types/utf8/ByteSearch.h"
 #include "qor/nav/sdk/utils/validation/Utf8Check.h"
 
 #include <algorithm>
-#include <cstring>
+#include <array>
+#include <cstdint>
+#include <limits>
 #include <string>
 
 namespace qor::nav::sdk::utils::common {
 
-using qor::common::errors::InvalidArgumentException;
 using qor::common::system::RWLockReadGuard;
 using qor::common::system::RWLockWriteGuard;
+using qor::common::types::utf8::detail::countCharacterStarts;
 using qor::common::types::utf8::detail::findBytes;
+using Utf8String = CharacterReplacements::Utf8String;
 
-// The copied table: the bytes of every search and replacement text one after
-// the other, and where each entry's texts lie in them. One buffer instead of
-// two strings per entry keeps the copy made under the lock short.
 namespace detail {
 
-struct ReplacementSnapshot
+// The replacement id's table as the readers use it, with what they need to
+// know of each entry worked out once, when the table is set.
+struct PreparedTable
 {
-    using Utf8String = CharacterReplacements::Utf8String;
-
     struct Entry
     {
-        std::size_t from;
-        std::size_t fromSize;
-        std::size_t to;
-        std::size_t toSize;
+        Utf8String from;
+        Utf8String to;
+        bool searchable;        // `from` is well-formed: Utf8String::find() takes it
+        bool measurable;        // `to` is well-formed: Utf8String::length() takes it
+        std::size_t fromLength; // characters, when searchable
+        std::size_t toLength;   // characters, when measurable
     };
 
-    std::string bytes;
     std::vector<Entry> entries;
-
-    Utf8String from(const Entry& e) const { return Utf8String(bytes, e.from, e.fromSize); }
-    Utf8String to(const Entry& e) const { return Utf8String(bytes, e.to, e.toSize); }
 };
 
 } // namespace detail
 
 namespace {
 
-using Utf8String = CharacterReplacements::Utf8String;
-using Snapshot = detail::ReplacementSnapshot;
+using Entry = detail::PreparedTable::Entry;
+using ByteSet = std::array<bool, 256>;
 
-bool isContinuation(char byte) noexcept
+// Well-formed as Utf8String decodes it: what its length() and find() take
+// without throwing InvalidArgumentException.
+bool isWellFormed(const char* bytes, std::size_t size) noexcept
 {
-    return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
+    return validation::detail::isStrictUtf8(reinterpret_cast<const std::uint8_t*>(bytes), size);
 }
 
-// Characters in well-formed bytes: the bytes that are not continuations.
-std::size_t countCharacters(const char* bytes, std::size_t size) noexcept
+// The bytes of the character that starts with `lead` in well-formed text.
+std::size_t sequenceLength(char lead) noexcept
 {
-    return qor::common::types::utf8::detail::countCharacterStarts(bytes, size);
+    const unsigned char byte = static_cast<unsigned char>(lead);
+    return byte < 0x80 ? 1 : byte < 0xE0 ? 2 : byte < 0xF0 ? 3 : 4;
 }
 
-// Bytes of the well-formed character whose lead byte is `lead`.
-std::size_t characterBytes(char lead) noexcept
+// The bytes Utf8String::replace() steps over as one character at `bytes`: a
+// well-formed character, or one byte that starts none.
+std::size_t characterStep(const char* bytes, std::size_t left) noexcept
 {
-    const unsigned char b = static_cast<unsigned char>(lead);
-    return b < 0x80 ? 1 : b < 0xE0 ? 2 : b < 0xF0 ? 3 : 4;
+    const std::size_t size = sequenceLength(bytes[0]);
+    return size <= left && isWellFormed(bytes, size) ? size : 1;
 }
 
-bool isStrict(const std::string& bytes) noexcept
+// The byte values in `text`. Text longer than a line is taken to hold every
+// value: looking would cost more than the searches it spares.
+ByteSet bytesIn(const std::string& text) noexcept
 {
-    return validation::detail::isStrictUtf8(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
+    ByteSet bytes{};
+    if (text.size() > 256)
+    {
+        bytes.fill(true);
+        return bytes;
+    }
+    for (const char byte : text)
+    {
+        bytes[static_cast<unsigned char>(byte)] = true;
+    }
+    return bytes;
 }
 
-// True when an occurrence of `from` at `pos` collides with the accepted
-// record `r`. The accepted record's extent is the length of its replacement
-// text, the candidate's the byte count of its search text; existing callers
-// depend on exactly this rule, so it stays as it is. May throw
-// InvalidArgumentException from Utf8String::length().
-bool conflicts(std::uint64_t pos, const Utf8String& from, const Replacement& r)
+// False when `what` cannot occur in text of the byte values `bytes`.
+bool mayOccur(const std::string& what, const ByteSet& bytes) noexcept
 {
-    if (pos == r.position)
-    {
-        return true;
-    }
-    if (pos > r.position)
-    {
-        return pos < r.position + r.to.length();
-    }
-    return pos + from.size() > r.position;
+    return what.empty() ||
+           (bytes[static_cast<unsigned char>(what.front())] && bytes[static_cast<unsigned char>(what.back())]);
 }
 
-// The search for any text and table, through Utf8String's character
-// positions; used when the text or the table is not well-formed or a search
-// text is empty, where exceptions decide what is kept.
-void searchThroughUtf8String(const Utf8String& text, const Snapshot& table, std::vector<Replacement>& accepted)
+// The first byte offset at or after `at` where Utf8String::find() finds
+// `from` in well-formed `text` (an empty search text where any character
+// starts), or npos. A well-formed search text starts with a lead byte, and in
+// well-formed text a lead byte starts a character: a byte match is a
+// character match.
+std::size_t findFrom(const std::string& text, const std::string& from, std::size_t at) noexcept
 {
-    for (const Snapshot::Entry& entry : table.entries)
+    if (from.empty())
     {
-        const Utf8String from = table.from(entry);
-        const Utf8String to = table.to(entry);
-        try
-        {
-            const std::size_t textLength = text.length();
-            std::size_t pos = 0;
-            while (true)
-            {
-                pos = text.find(from, pos);
-                if (pos == Utf8String::npos)
-                {
-                    break;
-                }
-                if (pos >= textLength)
-                {
-                    // Not a position inside the text: search again from there.
-                    continue;
-                }
-                bool rejected = false;
-                for (const Replacement& r : accepted)
-                {
-                    if (conflicts(pos, from, r))
-                    {
-                        rejected = true;
-                        break;
-                    }
-                }
-                if (!rejected)
-                {
-                    accepted.push_back(Replacement{pos, from, to});
-                }
-                ++pos;
-                if (pos == Utf8String::npos)
-                {
-                    break;
-                }
-            }
-        }
-        catch (const InvalidArgumentException&)
-        {
-            // Text or search text that is not well-formed: this entry ends
-            // here, what was accepted stays.
-        }
+        return at < text.size() ? at : std::string::npos;
     }
+    return findBytes(text.data(), text.size(), at, from.data(), from.size());
 }
 
-// Whether the search over bytes below gives what the search through
-// Utf8String gives: the text and every search and replacement text are
-// well-formed (so nothing throws, and a byte match at a lead byte is a
-// character match) and no search text is empty.
-bool searchableAsBytes(const Utf8String& text, const Snapshot& table) noexcept
+// An accepted occurrence of an entry's search text in the input.
+struct Occurrence
 {
-    // The concatenated texts are well-formed and each starts at a character
-    // boundary exactly when each of them is well-formed.
-    if (!isStrict(text.str()) || !isStrict(table.bytes))
-    {
-        return false;
-    }
-    for (const Snapshot::Entry& entry : table.entries)
-    {
-        if (entry.fromSize == 0 || isContinuation(table.bytes[entry.from]) ||
-            (entry.toSize != 0 && isContinuation(table.bytes[entry.to])))
-        {
-            return false;
-        }
-    }
-    return true;
-}
-
-// What the accepted records occupy, per character position of the text: the
-// conflict rule as a look-up instead of a scan over every accepted record,
-// so that long texts with many records stay linear. A record covers its
-// position and, after it, as many positions as its replacement text has
-// characters; a candidate is rejected when its position is covered or when
-// a record starts after it but before its position plus its search text's
-// byte count.
-class Occupancy
-{
-public:
-    explicit Occupancy(std::size_t textLength) : m_TextLength(textLength) {}
-
-    bool rejects(std::size_t pos, std::size_t fromSize) const
-    {
-        if (m_Marks == nullptr)
-        {
-            return false;
-        }
-        if ((m_Marks[pos] & kCovered) != 0)
-        {
-            return true;
-        }
-        const std::size_t end = std::min(pos + fromSize, m_TextLength);
-        for (std::size_t at = pos + 1; at < end; ++at)
-        {
-            if ((m_Marks[at] & kStart) != 0)
-            {
-                return true;
-            }
-        }
-        return false;
-    }
-
-    void accept(std::size_t pos, std::size_t toLength)
-    {
-        if (m_Marks == nullptr)
-        {
-            // Made on the first accepted record; short texts use the buffer
-            // inside the object.
-            if (m_TextLength <= sizeof m_Short)
-            {
-                m_Marks = m_Short;
-            }
-            else
-            {
-                m_Long.resize(m_TextLength);
-                m_Marks = m_Long.data();
-            }
-            std::fill(m_Marks, m_Marks + m_TextLength, 0);
-        }
-        m_Marks[pos] |= kStart | kCovered;
-        const std::size_t end = std::min(pos + toLength, m_TextLength);
-        for (std::size_t at = pos + 1; at < end; ++at)
-        {
-            m_Marks[at] |= kCovered;
-        }
-    }
-
-private:
-    static constexpr unsigned char kCovered = 1;
-    static constexpr unsigned char kStart = 2;
-
-    std::size_t m_TextLength;
-    unsigned char* m_Marks = nullptr;
-    unsigned char m_Short[256];
-    std::vector<unsigned char> m_Long;
+    std::size_t entry;
+    std::size_t offset;   // in bytes
+    std::size_t position; // in characters
 };
 
-// The search of the table's entries in well-formed text, over bytes, with the
-// character positions counted along the way. Accepts what
-// searchThroughUtf8String accepts, in the same order.
-// `offsets` receives the byte offset of each accepted record.
-void searchAsBytes(const Utf8String& text, const Snapshot& table, std::vector<Replacement>& accepted,
-                   std::vector<std::size_t>& offsets)
+// The occurrences the rule accepts in well-formed `text`, in the order it
+// accepts them. The rule tests a candidate
+// against the records accepted before it in the order of acceptance, and the
+// first record that rejects it decides; but testing a candidate right of a
+// record measures that record's replacement text, which throws when that is
+// not well-formed and ends the candidate's entry. Instead of scanning the
+// records, `slots` holds per character position the first record whose
+// extent covers it and the record that starts there, which names that first
+// record directly. Record numbers fit in 32 bits: the caller has reserved a
+// record of more than 64 bytes per byte of the text.
+std::vector<Occurrence> acceptedOccurrences(const std::vector<Entry>& entries, const std::string& text)
 {
-    const std::string& bytes = text.str();
-    const char* const data = bytes.data();
-    const std::size_t size = bytes.size();
-    Occupancy occupancy(countCharacters(data, size));
-    for (const Snapshot::Entry& entry : table.entries)
+    const std::size_t length = countCharacterStarts(text.data(), text.size());
+    constexpr std::uint32_t kNone = std::numeric_limits<std::uint32_t>::max();
+    struct Slot
     {
-        const char* const from = table.bytes.data() + entry.from;
-        std::size_t at = findBytes(data, size, 0, from, entry.fromSize);
-        if (at == std::string::npos)
-        {
-            continue;
-        }
-        const std::size_t toLength = countCharacters(table.bytes.data() + entry.to, entry.toSize);
-        const Replacement record{0, table.from(entry), table.to(entry)}; // copied for each accepted one
-        std::size_t countedBytes = 0; // character positions are known up to this byte
-        std::size_t countedCharacters = 0;
-        while (at != std::string::npos)
-        {
-            countedCharacters += countCharacters(data + countedBytes, at - countedBytes);
-            countedBytes = at;
-            const std::size_t pos = countedCharacters;
-            if (!occupancy.rejects(pos, entry.fromSize))
-            {
-                accepted.push_back(record);
-                accepted.back().position = pos;
-                offsets.push_back(at);
-                occupancy.accept(pos, toLength);
-            }
-            // Overlapping occurrences count: go on one character further.
-            at = findBytes(data, size, at + characterBytes(data[at]), from, entry.fromSize);
-        }
-    }
-}
-
-// A stack of pieces of text in a caller's fixed buffer when they fit, in a
-// vector otherwise.
-template <typename Piece>
-class PieceStackOf
-{
-public:
-    template <std::size_t N>
-    PieceStackOf(Piece (&buffer)[N], std::vector<Piece>& heap, std::size_t capacity) : m_Data(buffer)
-    {
-        if (capacity > N)
-        {
-            heap.resize(capacity);
-            m_Data = heap.data();
-        }
-    }
-
-    bool empty() const { return m_Size == 0; }
-    void push_back(const Piece& piece) { m_Data[m_Size++] = piece; }
-    void pop_back() { --m_Size; }
-    Piece& back() { return m_Data[m_Size - 1]; }
-    const Piece* begin() const { return m_Data; }
-    const Piece* end() const { return m_Data + m_Size; }
-
-private:
-    Piece* m_Data;
-    std::size_t m_Size = 0;
-};
-
-// The records (sorted by position) applied to well-formed text from right to
-// left, as Utf8String::replace(position, from.length(), to) would apply them
-// one after the other, but in time linear in the text: the rewritten part
-// right of the record being applied is kept as a list of pieces, so a
-// replacement that reaches into text that a record further right put in
-// removes characters from the front of that list.
-std::string applyFromRightToLeft(const std::string& input, const std::vector<Replacement>& sorted,
-                                 const std::vector<std::size_t>& offsets)
-{
-    struct Piece
-    {
-        const char* data;
-        std::size_t size;
+        std::uint32_t coveredBy = kNone;
+        std::uint32_t startedBy = kNone;
     };
-    using PieceStack = PieceStackOf<Piece>;
-
-    // The rewritten text right of the current record, front piece last.
-    // Each record adds at most two pieces; a line's few fit in `inPlace`.
-    Piece inPlace[64];
-    std::vector<Piece> onHeap;
-    PieceStack right(inPlace, onHeap, 2 * sorted.size());
-    std::size_t rightEnd = input.size(); // where the untouched input ends
-    for (std::size_t i = sorted.size(); i-- > 0;)
+    std::vector<Slot> slots;
+    std::vector<std::uint32_t> unmeasurable; // records whose replacement text is not well-formed
+    std::vector<Occurrence> accepted;
+    accepted.reserve(16); // a line's worth
+    const ByteSet bytes = bytesIn(text);
+    for (std::size_t e = 0; e < entries.size(); ++e)
     {
-        const Replacement& r = sorted[i];
-        std::size_t remove = countCharacters(r.from.str().data(), r.from.size());
-        // First from the untouched input up to the next record...
-        std::size_t end = offsets[i];
-        for (; remove > 0 && end < rightEnd; --remove)
+        const Entry& entry = entries[e];
+        const std::string& from = entry.from.str();
+        if (!entry.searchable || !mayOccur(from, bytes))
         {
-            end += characterBytes(input[end]);
+            continue; // Utf8String::find() throws, or finds nothing
         }
-        if (end < rightEnd)
+        std::size_t pos = 0; // characters before byte offset `counted`
+        std::size_t counted = 0;
+        // Overlapping occurrences count: the search goes on one character on.
+        for (std::size_t at = findFrom(text, from, 0); at != std::string::npos;
+             at = findFrom(text, from, at + sequenceLength(text[at])))
         {
-            right.push_back(Piece{input.data() + end, rightEnd - end});
-        }
-        // ...then from the front of what the records further right made.
-        while (remove > 0 && !right.empty())
-        {
-            Piece& front = right.back();
-            std::size_t skipped = 0;
-            while (remove > 0 && skipped < front.size)
+            pos += countCharacterStarts(text.data() + counted, at - counted);
+            counted = at;
+            // A record at the same position or whose extent (the length of
+            // its replacement text) holds this one rejects it, and so does
+            // one after it but before its position plus its byte count.
+            std::uint32_t rejectedBy = kNone;
+            if (!accepted.empty())
             {
-                skipped += characterBytes(front.data[skipped]);
-                --remove;
+                rejectedBy = slots[pos].coveredBy;
+                for (std::size_t p = pos + 1; p < std::min(pos + from.size(), length); ++p)
+                {
+                    rejectedBy = std::min(rejectedBy, slots[p].startedBy);
+                }
             }
-            if (skipped == front.size)
+            // Measuring the replacement text of a record left of it throws.
+            const auto throwing = std::find_if(unmeasurable.begin(), unmeasurable.end(),
+                                               [&](std::uint32_t r) { return accepted[r].position < pos; });
+            if (throwing != unmeasurable.end() && *throwing < rejectedBy)
             {
-                right.pop_back();
+                break;
             }
-            else
-            {
-                front.data += skipped;
-                front.size -= skipped;
-            }
-        }
-        if (!r.to.empty())
-        {
-            right.push_back(Piece{r.to.str().data(), r.to.size()});
-        }
-        rightEnd = offsets[i];
-    }
-
-    std::size_t total = rightEnd;
-    for (const Piece& piece : right)
-    {
-        total += piece.size;
-    }
-    std::string result;
-    result.reserve(total);
-    result.append(input, 0, rightEnd);
-    for (const Piece* piece = right.end(); piece != right.begin();)
-    {
-        --piece;
-        result.append(piece->data, piece->size);
-    }
-    return result;
-}
-
-// Sorts the records by position, and their byte offsets with them. The
-// positions are distinct, so the order is unique; each record is moved once
-// (along the cycles of the permutation) instead of at every step of a sort.
-void sortByPosition(std::vector<Replacement>& records, std::vector<std::size_t>& offsets)
-{
-    const std::size_t count = records.size();
-    if (count <= 32)
-    {
-        // Few records (a line of text): insertion sort in place.
-        for (std::size_t i = 1; i < count; ++i)
-        {
-            if (records[i].position > records[i - 1].position)
+            if (rejectedBy != kNone)
             {
                 continue;
             }
-            Replacement record = std::move(records[i]);
-            const std::size_t offset = offsets[i];
-            std::size_t j = i;
-            for (; j > 0 && records[j - 1].position > record.position; --j)
+            const auto record = static_cast<std::uint32_t>(accepted.size());
+            slots.resize(length); // made with the first record
+            accepted.push_back(Occurrence{e, at, pos});
+            slots[pos].startedBy = record;
+            const std::size_t extent = entry.measurable ? std::max<std::size_t>(entry.toLength, 1) : 1;
+            for (std::size_t p = pos; p < std::min(pos + extent, length); ++p)
             {
-                records[j] = std::move(records[j - 1]);
-                offsets[j] = offsets[j - 1];
+                slots[p].coveredBy = std::min(slots[p].coveredBy, record);
             }
-            records[j] = std::move(record);
-            offsets[j] = offset;
+            if (!entry.measurable)
+            {
+                unmeasurable.push_back(record);
+            }
         }
-        return;
     }
-    std::vector<std::pair<std::uint64_t, std::size_t>> order(count); // (position, where it is now)
-    for (std::size_t i = 0; i < count; ++i)
+    return accepted;
+}
+
+// The input with the occurrences (sorted by position) replaced from right to
+// left, as Utf8String::replace(position, from.length(), to) replaces them one
+// after the other: a search text that reaches past the next occurrence takes
+// characters from the front of what replaced that one. The rewritten text
+// grows from the back of `out` towards its front, so taking from its front
+// is cheap.
+void replaceFromTheRight(const std::string& input, const std::vector<Occurrence>& sorted,
+                         const std::vector<Entry>& entries, std::string& out)
+{
+    std::size_t end = input.size();
+    for (const Occurrence& occurrence : sorted)
     {
-        order[i] = {records[i].position, i};
+        end += entries[occurrence.entry].to.size();
     }
-    std::sort(order.begin(), order.end());
-    std::vector<std::size_t> sortedOffsets(count);
-    for (std::size_t i = 0; i < count; ++i)
+    out.resize(end);
+    std::size_t begin = end;         // out[begin, end) is the rewritten text
+    std::size_t done = input.size(); // of input[done, input.size())
+    auto prepend = [&](const char* bytes, std::size_t size) {
+        begin -= size;
+        std::copy(bytes, bytes + size, &out[begin]);
+    };
+    for (auto occurrence = sorted.rbegin(); occurrence != sorted.rend(); ++occurrence)
     {
-        sortedOffsets[i] = offsets[order[i].second];
-    }
-    offsets.swap(sortedOffsets);
-    // Slot i receives records[order[i].second]; walk each cycle once.
-    std::vector<bool> placed(count, false);
-    for (std::size_t start = 0; start < count; ++start)
-    {
-        if (placed[start] || order[start].second == start)
+        const Entry& entry = entries[occurrence->entry];
+        std::size_t replaced = occurrence->offset; // the end of the replaced characters in the input
+        std::size_t left = entry.fromLength;
+        for (; left > 0 && replaced < done; --left)
         {
-            continue;
+            replaced += sequenceLength(input[replaced]);
         }
-        Replacement held = std::move(records[start]);
-        std::size_t slot = start;
-        while (order[slot].second != start)
+        for (; left > 0 && begin < end; --left)
         {
-            records[slot] = std::move(records[order[slot].second]);
-            placed[slot] = true;
-            slot = order[slot].second;
+            begin += characterStep(out.data() + begin, end - begin);
         }
-        records[slot] = std::move(held);
-        placed[slot] = true;
+        prepend(input.data() + replaced, done - replaced);
+        prepend(entry.to.str().data(), entry.to.size());
+        done = occurrence->offset;
     }
+    prepend(input.data(), done);
+    out.erase(0, begin);
+}
+
+// The bytes of a Utf8String, to build a result in place. A Utf8String is its
+// byte string and nothing else, and `text` is not const, so neither are they.
+std::string& bytesOf(Utf8String& text) noexcept
+{
+    return const_cast<std::string&>(text.str());
 }
 
 } // namespace
@@ -454,104 +255,92 @@ CharacterReplacements::~CharacterReplacements() = default;
 
 void CharacterReplacements::setCharacterReplacements(const ReplacementTables& replacements)
 {
+    // Copied and prepared before the lock: a failure leaves everything as it
+    // was, and readers wait only for the swap.
+    ReplacementTables tables = replacements;
+    std::shared_ptr<detail::PreparedTable> table;
+    const auto found = tables.find(getReplacementLanguageId());
+    if (found != tables.end() && !found->second.empty())
+    {
+        table = std::make_shared<detail::PreparedTable>();
+        for (const auto& [from, to] : found->second)
+        {
+            const bool searchable = isWellFormed(from.str().data(), from.size());
+            const bool measurable = isWellFormed(to.str().data(), to.size());
+            table->entries.push_back(Entry{from, to, searchable, measurable,
+                                           countCharacterStarts(from.str().data(), from.size()),
+                                           countCharacterStarts(to.str().data(), to.size())});
+        }
+    }
+    std::shared_ptr<const detail::PreparedTable> prepared = std::move(table);
     RWLockWriteGuard guard(m_Lock);
-    m_Replacements = replacements;
+    m_Replacements.swap(tables);
+    m_Table.swap(prepared);
+    // The old set and table go after the lock is released.
 }
 
-void CharacterReplacements::takeSnapshot(detail::ReplacementSnapshot& snapshot) const
+std::shared_ptr<const detail::PreparedTable> CharacterReplacements::snapshot() const
 {
-    const LanguageId key = getReplacementLanguageId();
+    // The lock orders this copy after the writer's swap, so a reader sees a
+    // table only once it is whole; nobody changes it afterwards, and the
+    // shared count frees it with its last reader.
     RWLockReadGuard guard(m_Lock);
-    const auto found = m_Replacements.find(key);
-    if (found == m_Replacements.end())
-    {
-        return;
-    }
-    const ReplacementTable& table = found->second;
-    std::size_t total = 0;
-    for (const auto& entry : table)
-    {
-        total += entry.first.size() + entry.second.size();
-    }
-    snapshot.bytes.resize(total);
-    snapshot.entries.resize(table.size());
-    char* const bytes = &snapshot.bytes[0];
-    std::size_t at = 0;
-    Snapshot::Entry* copied = snapshot.entries.data();
-    for (const auto& entry : table)
-    {
-        const std::string& from = entry.first.str();
-        const std::string& to = entry.second.str();
-        std::memcpy(bytes + at, from.data(), from.size());
-        copied->from = at;
-        copied->fromSize = from.size();
-        at += from.size();
-        std::memcpy(bytes + at, to.data(), to.size());
-        copied->to = at;
-        copied->toSize = to.size();
-        at += to.size();
-        ++copied;
-    }
+    return m_Table;
 }
 
 void CharacterReplacements::applyCharacterReplacements(Utf8String& text) const
 {
-    Snapshot table;
-    takeSnapshot(table);
-    for (const Snapshot::Entry& entry : table.entries)
+    const std::shared_ptr<const detail::PreparedTable> table = snapshot();
+    if (table == nullptr)
     {
-        // replaceAll changes nothing where the search text does not occur
-        // (or is empty), so that call is left out.
-        const std::string& bytes = text.str();
-        if (entry.fromSize == 0 ||
-            findBytes(bytes.data(), bytes.size(), 0, table.bytes.data() + entry.from, entry.fromSize) ==
-                std::string::npos)
+        return;
+    }
+    // replaceAll() changes nothing where its search text does not occur (or
+    // is empty); what it puts in may make a later search text occur.
+    ByteSet bytes = bytesIn(text.str());
+    for (const Entry& entry : table->entries)
+    {
+        if (!entry.from.empty() && mayOccur(entry.from.str(), bytes))
         {
-            continue;
+            text.replaceAll(entry.from, entry.to);
+            for (const char byte : entry.to.str())
+            {
+                bytes[static_cast<unsigned char>(byte)] = true;
+            }
         }
-        text.replaceAll(table.from(entry), table.to(entry));
     }
 }
 
 CharacterReplacementResult CharacterReplacements::replaceCharacters(const Utf8String& text) const
 {
-    std::vector<Replacement> accepted;
-    // One slot per input byte, so that accepting an occurrence never
-    // reallocates.
-    accepted.reserve(text.size());
-
-    Snapshot table;
-    takeSnapshot(table);
-    const bool asBytes = searchableAsBytes(text, table);
-    std::vector<std::size_t> offsets; // byte offsets of the accepted records
-    if (asBytes)
-    {
-        offsets.reserve(std::min<std::size_t>(text.size(), 64));
-        searchAsBytes(text, table, accepted, offsets);
-    }
-    else
-    {
-        searchThroughUtf8String(text, table, accepted);
-    }
-
     CharacterReplacementResult result;
-    if (asBytes)
+    // One slot per input byte, so that recording an occurrence never
+    // reallocates.
+    result.replacements.reserve(text.size());
+    const std::shared_ptr<const detail::PreparedTable> table = snapshot();
+    // Utf8String::find() throws for text that is not well-formed: then no
+    // entry finds anything.
+    std::vector<Occurrence> accepted;
+    if (table != nullptr && isWellFormed(text.str().data(), text.size()))
     {
-        sortByPosition(accepted, offsets);
-        result.text = accepted.empty() ? text : Utf8String(applyFromRightToLeft(text.str(), accepted, offsets));
+        accepted = acceptedOccurrences(table->entries, text.str());
     }
-    else
+    if (accepted.empty())
     {
-        std::sort(accepted.begin(), accepted.end(),
-                  [](const Replacement& a, const Replacement& b) { return a.position < b.position; });
         result.text = text;
-        // Right to left, so that the positions still to be applied stay valid.
-        for (auto r = accepted.rbegin(); r != accepted.rend(); ++r)
-        {
-            result.text.replace(r->position, r->from.length(), r->to);
-        }
+        return result;
     }
-    result.replacements = std::move(accepted);
+    std::sort(accepted.begin(), accepted.end(),
+              [](const Occurrence& a, const Occurrence& b) { return a.position < b.position; });
+    replaceFromTheRight(text.str(), accepted, table->entries, bytesOf(result.text));
+    for (const Occurrence& occurrence : accepted)
+    {
+        // Built in place: a temporary would copy both texts twice.
+        Replacement& record = result.replacements.emplace_back();
+        record.position = occurrence.position;
+        record.from = table->entries[occurrence.entry].from;
+        record.to = table->entries[occurrence.entry].to;
+    }
     return result;
 }
 
