@@ -35,6 +35,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -132,108 +133,97 @@ void installReplacementTable()
         {{CharacterReplacements::getReplacementLanguageId(), table}});
 }
 
-std::vector<std::string> replacementTexts(bool long10k)
+// The street-name lines, or sixteen texts of a hundred of them joined.
+const std::vector<std::string>& replacementTexts(bool long10k)
 {
     const std::vector<std::string>& lines = qor::bench::shortLines();
-    if (!long10k)
-    {
-        return lines;
-    }
-    std::vector<std::string> texts;
-    std::size_t next = 0;
-    for (int i = 0; i < 16; ++i)
-    {
-        std::string text;
-        while (text.size() < 10000)
+    static const std::vector<std::string> s_Long = [&lines] {
+        std::vector<std::string> texts;
+        std::size_t next = 0;
+        for (int i = 0; i < 16; ++i)
         {
-            text += lines[next++ % lines.size()];
-            text += "; ";
+            std::string text;
+            while (text.size() < 10000)
+            {
+                text += lines[next++ % lines.size()];
+                text += "; ";
+            }
+            texts.push_back(text);
         }
-        texts.push_back(text);
-    }
-    return texts;
-}
-
-std::vector<Utf8String> asUtf8(const std::vector<std::string>& texts)
-{
-    return std::vector<Utf8String>(texts.begin(), texts.end());
-}
-
-std::size_t totalBytes(const std::vector<std::string>& texts)
-{
-    std::size_t bytes = 0;
-    for (const std::string& text : texts)
-    {
-        bytes += text.size();
-    }
-    return bytes;
+        return texts;
+    }();
+    return long10k ? s_Long : lines;
 }
 
 // --- Registration -------------------------------------------------------------------
 
+enum class Rate
+{
+    Bytes, // throughput: the bytes of the texts worked on
+    Calls, // calls per second
+};
+
+// Registers `figure`: each iteration calls `work` on the next of `texts`,
+// converted to an Input before timing starts. Ours and its anchor are two
+// registrations of this one loop, so they differ only in `work`.
+template <typename Input, typename Work>
+void registerFigure(const std::string& figure, std::vector<std::string_view> texts, Rate rate, Work work)
+{
+    benchmark::RegisterBenchmark(figure.c_str(), [texts, rate, work](benchmark::State& state) {
+        std::vector<Input> inputs;
+        std::size_t bytes = 0;
+        for (const std::string_view text : texts)
+        {
+            inputs.emplace_back(std::string(text));
+            bytes += text.size();
+        }
+        std::size_t next = 0;
+        for (auto _ : state)
+        {
+            benchmark::DoNotOptimize(work(inputs[next++ % inputs.size()]));
+        }
+        const auto iterations = static_cast<std::int64_t>(state.iterations());
+        if (rate == Rate::Bytes)
+        {
+            state.SetBytesProcessed(iterations * static_cast<std::int64_t>(bytes / inputs.size()));
+        }
+        else
+        {
+            state.SetItemsProcessed(iterations);
+        }
+    });
+}
+
+std::vector<std::string_view> views(const std::vector<std::string>& texts)
+{
+    return std::vector<std::string_view>(texts.begin(), texts.end());
+}
+
 void registerValidation()
 {
+    const auto ours = [](const Utf8String& text) { return UTF8Validator::validateStrictUtf8(text); };
     for (const Corpus corpus : kCorpora)
     {
         const std::string label = corpusLabel(corpus);
-        const std::string& bytes = qor::bench::corpus(corpus);
-        auto ours = [&bytes](benchmark::State& state) {
-            const Utf8String text(bytes);
-            for (auto _ : state)
-            {
-                benchmark::DoNotOptimize(UTF8Validator::validateStrictUtf8(text));
-            }
-            state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * bytes.size()));
-        };
-        benchmark::RegisterBenchmark(("validate/" + label + ":ours").c_str(), ours);
-        benchmark::RegisterBenchmark(("validate/" + label + ":anchor").c_str(), [&bytes](benchmark::State& state) {
-            for (auto _ : state)
-            {
-                benchmark::DoNotOptimize(simdjson::validate_utf8(bytes.data(), bytes.size()));
-            }
-            state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * bytes.size()));
-        });
-        benchmark::RegisterBenchmark(("validate-automaton/" + label + ":ours").c_str(), ours);
-        benchmark::RegisterBenchmark(("validate-automaton/" + label + ":anchor").c_str(),
-                                     [&bytes](benchmark::State& state) {
-                                         for (auto _ : state)
-                                         {
-                                             benchmark::DoNotOptimize(automaton::validateStrictUtf8Reference(
-                                                 bytes.data(), bytes.size()));
-                                         }
-                                         state.SetBytesProcessed(
-                                             static_cast<std::int64_t>(state.iterations() * bytes.size()));
-                                     });
-        benchmark::RegisterBenchmark(("validate-vs-icu/" + label + ":ours").c_str(), ours);
-        benchmark::RegisterBenchmark(("validate-vs-icu/" + label + ":anchor").c_str(),
-                                     [&bytes](benchmark::State& state) {
-                                         for (auto _ : state)
-                                         {
-                                             benchmark::DoNotOptimize(icuIsWellFormed(bytes));
-                                         }
-                                         state.SetBytesProcessed(
-                                             static_cast<std::int64_t>(state.iterations() * bytes.size()));
-                                     });
+        const std::vector<std::string_view> whole{qor::bench::corpus(corpus)};
+        for (const char* figure : {"validate/", "validate-automaton/", "validate-vs-icu/"})
+        {
+            registerFigure<Utf8String>(figure + label + ":ours", whole, Rate::Bytes, ours);
+        }
+        registerFigure<std::string>("validate/" + label + ":anchor", whole, Rate::Bytes,
+                                    [](const std::string& bytes) {
+                                        return simdjson::validate_utf8(bytes.data(), bytes.size());
+                                    });
+        registerFigure<std::string>("validate-automaton/" + label + ":anchor", whole, Rate::Bytes,
+                                    [](const std::string& bytes) {
+                                        return automaton::validateStrictUtf8Reference(bytes.data(), bytes.size());
+                                    });
+        registerFigure<std::string>("validate-vs-icu/" + label + ":anchor", whole, Rate::Bytes, icuIsWellFormed);
     }
-
-    benchmark::RegisterBenchmark("validate/lines-100B:ours", [](benchmark::State& state) {
-        const std::vector<Utf8String> lines = asUtf8(qor::bench::shortLines());
-        std::size_t next = 0;
-        for (auto _ : state)
-        {
-            benchmark::DoNotOptimize(UTF8Validator::validateStrictUtf8(lines[next++ & 1023]));
-        }
-        state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()));
-    });
-    benchmark::RegisterBenchmark("validate/lines-100B:anchor", [](benchmark::State& state) {
-        const std::vector<std::string>& lines = qor::bench::shortLines();
-        std::size_t next = 0;
-        for (auto _ : state)
-        {
-            const std::string& line = lines[next++ & 1023];
-            benchmark::DoNotOptimize(simdjson::validate_utf8(line.data(), line.size()));
-        }
-        state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()));
+    const std::vector<std::string_view> lines = views(qor::bench::shortLines());
+    registerFigure<Utf8String>("validate/lines-100B:ours", lines, Rate::Calls, ours);
+    registerFigure<std::string>("validate/lines-100B:anchor", lines, Rate::Calls, [](const std::string& line) {
+        return simdjson::validate_utf8(line.data(), line.size());
     });
 }
 
@@ -242,79 +232,36 @@ void registerRepair()
     for (const Corpus corpus : kCorpora)
     {
         const std::string label = corpusLabel(corpus);
-        const std::string& bytes = qor::bench::corpus(corpus);
-        benchmark::RegisterBenchmark(("conform/" + label + ":ours").c_str(), [&bytes](benchmark::State& state) {
-            const Utf8String text(bytes);
-            for (auto _ : state)
-            {
-                benchmark::DoNotOptimize(UTF8Validator::makeStrictUtf8Conform(text));
-            }
-            state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * bytes.size()));
-        });
-        benchmark::RegisterBenchmark(("conform/" + label + ":anchor").c_str(), [&bytes](benchmark::State& state) {
-            const Utf8String text(bytes);
-            for (auto _ : state)
-            {
-                benchmark::DoNotOptimize(decodeAndAppend(text));
-            }
-            state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * bytes.size()));
-        });
+        const std::vector<std::string_view> whole{qor::bench::corpus(corpus)};
+        registerFigure<Utf8String>("conform/" + label + ":ours", whole, Rate::Bytes,
+                                   [](const Utf8String& text) { return UTF8Validator::makeStrictUtf8Conform(text); });
+        registerFigure<Utf8String>("conform/" + label + ":anchor", whole, Rate::Bytes, decodeAndAppend);
     }
 }
 
 void registerReplacements()
 {
+    const auto apply = [](const Utf8String& input) {
+        Utf8String text = input;
+        CharacterReplacements::getInstance().applyCharacterReplacements(text);
+        return text;
+    };
+    const auto replace = [](const Utf8String& input) {
+        return CharacterReplacements::getInstance().replaceCharacters(input);
+    };
+    const auto anchor = [](const std::string& input) {
+        std::string text = input;
+        chainedFindReplace(text, replacementTable());
+        return text;
+    };
     for (const bool long10k : {false, true})
     {
         const std::string size = long10k ? "10KB" : "100B";
-        const std::vector<std::string> texts = replacementTexts(long10k);
-        const std::size_t count = texts.size();
-        const std::size_t bytes = totalBytes(texts);
-        benchmark::RegisterBenchmark(("replacements-apply/" + size + ":ours").c_str(),
-                                     [texts, count, bytes](benchmark::State& state) {
-                                         const std::vector<Utf8String> inputs = asUtf8(texts);
-                                         const CharacterReplacements& replacements =
-                                             CharacterReplacements::getInstance();
-                                         std::size_t next = 0;
-                                         for (auto _ : state)
-                                         {
-                                             Utf8String text = inputs[next++ % count];
-                                             replacements.applyCharacterReplacements(text);
-                                             benchmark::DoNotOptimize(text);
-                                         }
-                                         state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()));
-                                         state.SetBytesProcessed(
-                                             static_cast<std::int64_t>(state.iterations() * bytes / count));
-                                     });
-        auto anchor = [texts, count, bytes](benchmark::State& state) {
-            const PlainTable& table = replacementTable();
-            std::size_t next = 0;
-            for (auto _ : state)
-            {
-                std::string text = texts[next++ % count];
-                chainedFindReplace(text, table);
-                benchmark::DoNotOptimize(text);
-            }
-            state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()));
-            state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * bytes / count));
-        };
-        benchmark::RegisterBenchmark(("replacements-apply/" + size + ":anchor").c_str(), anchor);
-        benchmark::RegisterBenchmark(("replacements-replace/" + size + ":ours").c_str(),
-                                     [texts, count, bytes](benchmark::State& state) {
-                                         const std::vector<Utf8String> inputs = asUtf8(texts);
-                                         const CharacterReplacements& replacements =
-                                             CharacterReplacements::getInstance();
-                                         std::size_t next = 0;
-                                         for (auto _ : state)
-                                         {
-                                             benchmark::DoNotOptimize(
-                                                 replacements.replaceCharacters(inputs[next++ % count]));
-                                         }
-                                         state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()));
-                                         state.SetBytesProcessed(
-                                             static_cast<std::int64_t>(state.iterations() * bytes / count));
-                                     });
-        benchmark::RegisterBenchmark(("replacements-replace/" + size + ":anchor").c_str(), anchor);
+        const std::vector<std::string_view> texts = views(replacementTexts(long10k));
+        registerFigure<Utf8String>("replacements-apply/" + size + ":ours", texts, Rate::Bytes, apply);
+        registerFigure<std::string>("replacements-apply/" + size + ":anchor", texts, Rate::Bytes, anchor);
+        registerFigure<Utf8String>("replacements-replace/" + size + ":ours", texts, Rate::Bytes, replace);
+        registerFigure<std::string>("replacements-replace/" + size + ":anchor", texts, Rate::Bytes, anchor);
     }
 }
 
