@@ -51,9 +51,10 @@ std::atomic<std::uint64_t> s_NextFileNumber{1};
 // The calling thread's id. Read once per thread from its Thread object, under
 // that Thread's own mutex, and kept: the id of a running thread never
 // changes, and the lookup would otherwise cost two calls and a lock per event.
-std::uint64_t currentThreadId()
+// The callers look the memo up once per event, as every look-up of a
+// thread_local of a shared library is a call.
+std::uint64_t currentThreadId(ThreadMemo& memo)
 {
-    ThreadMemo& memo = t_Memo;
     if (memo.id == 0)
     {
         Thread& thread = Thread::getCurrentThread();
@@ -61,6 +62,16 @@ std::uint64_t currentThreadId()
         memo.id = thread.getId();
     }
     return memo.id;
+}
+
+// Whether the thread named itself in the current file; known without the
+// lock. Should the file change right after this check, the thread's next
+// event lands in the new file unnamed, exactly as when the locked check runs
+// just before the change. Relaxed: only the number itself is compared,
+// nothing else is read on the strength of it.
+bool namedIn(const ThreadMemo& memo, const std::atomic<std::uint64_t>& fileNumber)
+{
+    return memo.namedInFile != 0 && memo.namedInFile == fileNumber.load(std::memory_order_relaxed);
 }
 
 // A byte count reported by a write (negative on failure) added to an
@@ -127,11 +138,15 @@ void Timeline::finishSession()
 
 void Timeline::beginSection(const char* name, const char* category, const char* extra)
 {
-    setCurrentThreadNameIfNeeded();
+    ThreadMemo& memo = t_Memo;
+    if (!namedIn(memo, m_FileNumber))
+    {
+        setCurrentThreadNameIfNeeded();
+    }
     const std::string_view nameText = TraceEvent::text(name);
     const std::string_view extraText = TraceEvent::text(extra);
     TraceEvent event(nameText.size() + extraText.size() + (category != nullptr ? std::strlen(category) : 0));
-    event.begin(nameText, now(), currentThreadId(), extraText, category);
+    event.begin(nameText, now(), currentThreadId(memo), extraText, category);
     MutexGuard guard(m_Lock);
     if (m_Active.load(std::memory_order_relaxed))
     {
@@ -142,7 +157,7 @@ void Timeline::beginSection(const char* name, const char* category, const char* 
 void Timeline::endSection()
 {
     TraceEvent event;
-    event.end(now(), currentThreadId());
+    event.end(now(), currentThreadId(t_Memo));
     MutexGuard guard(m_Lock);
     if (m_Active.load(std::memory_order_relaxed))
     {
@@ -168,13 +183,8 @@ void Timeline::setThreadName(unsigned long threadId, const char* name)
 
 void Timeline::setCurrentThreadNameIfNeeded()
 {
-    // A thread that named itself in the current file knows it without the
-    // lock. Should the file change right after this check, the thread's next
-    // event lands in the new file unnamed, exactly as when the locked check
-    // below runs just before the change. Relaxed: only the number itself is
-    // compared, nothing else is read on the strength of it.
     ThreadMemo& memo = t_Memo;
-    if (memo.namedInFile != 0 && memo.namedInFile == m_FileNumber.load(std::memory_order_relaxed))
+    if (namedIn(memo, m_FileNumber))
     {
         return;
     }
@@ -183,7 +193,7 @@ void Timeline::setCurrentThreadNameIfNeeded()
     {
         return;
     }
-    const std::uint64_t threadId = currentThreadId();
+    const std::uint64_t threadId = currentThreadId(memo);
     const auto position = std::lower_bound(m_NamedThreads.begin(), m_NamedThreads.end(), threadId);
     if (position == m_NamedThreads.end() || *position != threadId)
     {
@@ -261,7 +271,7 @@ void Timeline::startSessionCommon()
     tuneStream(m_File, m_StreamBuffer);
     m_Active.store(true, std::memory_order_relaxed);
     m_NeedComma = false;
-    m_SessionThreadId = currentThreadId();
+    m_SessionThreadId = currentThreadId(t_Memo);
     append("%s", kHeader);
     m_NamedThreads.clear();
     m_FileNumber.store(s_NextFileNumber.fetch_add(1, std::memory_order_relaxed), std::memory_order_relaxed);
