@@ -146,16 +146,16 @@ private:
     void write(const TraceEvent& event);
     void vappend(bool separated, const char* format, va_list args) __attribute__((format(printf, 3, 0)));
 
-    std::atomic<bool> m_Active;
-    FILE* m_File;
+    std::atomic<bool> m_Active{false};
+    FILE* m_File = nullptr;
     std::string m_BaseName;
-    std::uint64_t m_PartNumber;
-    std::uint64_t m_BytesWritten;
-    std::uint64_t m_PartSizeLimit;
-    std::uint64_t m_SessionThreadId;
+    std::uint64_t m_PartNumber = 0;
+    std::uint64_t m_BytesWritten = 0;
+    std::uint64_t m_PartSizeLimit = 0;
+    std::uint64_t m_SessionThreadId = 0;
     std::vector<std::uint64_t> m_NamedThreads; // ascending
-    std::uint64_t m_StartTime;                 // microseconds
-    bool m_NeedComma;
+    std::uint64_t m_StartTime = 0;             // microseconds
+    bool m_NeedComma = false;
     // Guards every field above. On a cache line of its own: threads that
     // wait for the lock would otherwise take the line holding the fields
     // that the lock's holder is writing away from the holder again and again.
@@ -164,7 +164,7 @@ private:
     // A process-wide unique number of the current file, changed whenever
     // m_NamedThreads is emptied for a new file; read without the lock by a
     // thread that wants to know whether it has been named in this file.
-    alignas(64) std::atomic<std::uint64_t> m_FileNumber;
+    alignas(64) std::atomic<std::uint64_t> m_FileNumber{0};
     // The output buffer of files that the timeline tunes (regular files
     // whose stream has not been used yet); allocated with the first such
     // file and reused for the following ones.

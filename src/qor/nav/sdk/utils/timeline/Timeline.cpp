@@ -74,25 +74,12 @@ bool namedIn(const ThreadMemo& memo, const std::atomic<std::uint64_t>& fileNumbe
     return memo.namedInFile != 0 && memo.namedInFile == fileNumber.load(std::memory_order_relaxed);
 }
 
-// A byte count reported by a write (negative on failure) added to an
-// unsigned total: a failure lowers the total.
-void addReported(std::uint64_t& total, std::int64_t reported)
-{
-    total += static_cast<std::uint64_t>(reported);
-}
-
 } // namespace
-
-static_assert(sizeof(unsigned long) == sizeof(std::uint64_t), "%lu prints 64-bit ids");
 
 // m_Active is written with m_Lock held and read with it held, or by
 // setThreadName(), whose caller rules out concurrent calls: the lock (or the
 // caller) orders every access, so all of them are relaxed.
-Timeline::Timeline()
-    : m_Active(false), m_File(nullptr), m_PartNumber(0), m_BytesWritten(0), m_PartSizeLimit(0), m_SessionThreadId(0),
-      m_StartTime(0), m_NeedComma(false), m_FileNumber(0)
-{
-}
+Timeline::Timeline() = default;
 
 Timeline::~Timeline()
 {
@@ -214,10 +201,11 @@ void Timeline::write(const TraceEvent& event)
         ::fputc_unlocked(',', m_File);
     }
     m_NeedComma = true;
+    // A failed write lowers the count (unsigned, so it wraps): by one per
+    // piece of the line.
     const std::string_view bytes = event.bytes();
     const bool written = ::fwrite_unlocked(bytes.data(), 1, bytes.size(), m_File) == bytes.size();
-    addReported(m_BytesWritten, written ? static_cast<std::int64_t>(event.counted())
-                                        : -static_cast<std::int64_t>(event.writes()));
+    m_BytesWritten += written ? event.counted() : 0 - event.writes();
 }
 
 void Timeline::append(const char* format, ...)
@@ -247,7 +235,8 @@ void Timeline::vappend(bool separated, const char* format, va_list args)
         ::fputc_unlocked(',', m_File);
     }
     m_NeedComma = m_NeedComma || separated;
-    addReported(m_BytesWritten, std::vfprintf(m_File, format, args));
+    // The reported count, -1 on failure, taken as a signed number.
+    m_BytesWritten += static_cast<std::uint64_t>(static_cast<std::int64_t>(std::vfprintf(m_File, format, args)));
 }
 
 void Timeline::startNewPart()

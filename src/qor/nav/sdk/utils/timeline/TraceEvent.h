@@ -9,6 +9,7 @@
 #include <cstring>
 #include <memory>
 #include <string_view>
+#include <type_traits>
 
 namespace qor::nav::sdk::utils::timeline {
 
@@ -46,10 +47,9 @@ public:
         {
             *this << ",\"cat\":\"" << std::string_view(category) << "\"";
             m_Uncounted = 1;
-            m_Writes += 1;
         }
         *this << "}\n";
-        m_Writes += 1;
+        m_Writes = category != nullptr ? 3 : 2;
     }
     void end(std::int64_t timeStamp, std::uint64_t threadId)
     {
@@ -78,10 +78,8 @@ private:
         return *this;
     }
     // 20 characters hold any 64-bit number, sign included.
-    TraceEvent& operator<<(std::int64_t n) { return number(n); }
-    TraceEvent& operator<<(std::uint64_t n) { return number(n); }
-    template <typename Number>
-    TraceEvent& number(Number n)
+    template <typename Number, typename = std::enable_if_t<std::is_integral_v<Number>>>
+    TraceEvent& operator<<(Number n)
     {
         m_End = std::to_chars(m_End, m_End + 20, n).ptr;
         return *this;
