@@ -23,6 +23,8 @@
 // verbatim, without JSON escaping: quotes, backslashes or control characters
 // in them make the file invalid JSON. Nothing reports errors: failed writes,
 // or part files that cannot be created, silently stop or spoil the recording.
+// Only an event whose strings run to hundreds of bytes allocates memory for
+// its line, and throws std::bad_alloc when there is none.
 //
 // A multipart session writes <baseName>.001, <baseName>.002, ... (at least
 // three digits), each a complete document. A part is closed and the next one
