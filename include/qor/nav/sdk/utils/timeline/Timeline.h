@@ -39,10 +39,9 @@
 // with other calls on the same object; the destructor must not run
 // concurrently with other calls. A thread puts its event line together
 // before it takes the timeline's lock (a foundation Mutex, held across file
-// output, including closing and creating part files) and writes it whole, so
-// lines of different threads never interleave. Each thread's events appear
-// in its own order; events of different threads may appear slightly out of
-// time-stamp order, which trace viewers sort out.
+// output, including closing and creating part files), stamps it with the time
+// under the lock and writes it whole, so lines of different threads never
+// interleave and a file's events are in time order.
 #ifndef QOR_NAV_SDK_UTILS_TIMELINE_TIMELINE_H
 #define QOR_NAV_SDK_UTILS_TIMELINE_TIMELINE_H
 

@@ -133,10 +133,11 @@ void Timeline::beginSection(const char* name, const char* category, const char* 
     const std::string_view nameText = TraceEvent::text(name);
     const std::string_view extraText = TraceEvent::text(extra);
     TraceEvent event(nameText.size() + extraText.size() + (category != nullptr ? std::strlen(category) : 0));
-    event.begin(nameText, now(), currentThreadId(memo), extraText, category);
+    event.begin(nameText, currentThreadId(memo), extraText, category);
     MutexGuard guard(m_Lock);
     if (m_Active.load(std::memory_order_relaxed))
     {
+        event.stamp(now());
         write(event);
     }
 }
@@ -144,10 +145,11 @@ void Timeline::beginSection(const char* name, const char* category, const char* 
 void Timeline::endSection()
 {
     TraceEvent event;
-    event.end(now(), currentThreadId(t_Memo));
+    event.end(currentThreadId(t_Memo));
     MutexGuard guard(m_Lock);
     if (m_Active.load(std::memory_order_relaxed))
     {
+        event.stamp(now());
         write(event);
     }
     // Deliberately outside the check above: see the header on endSection().

@@ -1,6 +1,7 @@
 // Internal: the bytes of one trace-event line, put together with
 // std::to_chars on the writing thread's stack before the timeline's lock is
-// taken, so that the lock covers a single copy into the stream.
+// taken, so that the lock covers the time stamp and a single copy into the
+// stream.
 #ifndef QOR_NAV_SDK_UTILS_TIMELINE_TRACEEVENT_H
 #define QOR_NAV_SDK_UTILS_TIMELINE_TRACEEVENT_H
 
@@ -38,11 +39,11 @@ public:
     // closing brace. The comma in front of the category member is left out of
     // the count, as are the separators between events; kept that way so that
     // parts roll over where they always did.
-    void begin(std::string_view name, std::int64_t timeStamp, std::uint64_t threadId, std::string_view extra,
-               const char* category)
+    void begin(std::string_view name, std::uint64_t threadId, std::string_view extra, const char* category)
     {
-        *this << "{\"name\":\"" << name << "\",\"ph\":\"B\",\"ts\":" << timeStamp << ",\"pid\":1,\"tid\":" << threadId
-              << extra;
+        *this << "{\"name\":\"" << name << "\",\"ph\":\"B\",\"ts\":";
+        m_Stamp = m_End;
+        *this << ",\"pid\":1,\"tid\":" << threadId << extra;
         if (category != nullptr)
         {
             *this << ",\"cat\":\"" << std::string_view(category) << "\"";
@@ -51,9 +52,21 @@ public:
         *this << "}\n";
         m_Writes = category != nullptr ? 3 : 2;
     }
-    void end(std::int64_t timeStamp, std::uint64_t threadId)
+    void end(std::uint64_t threadId)
     {
-        *this << "{\"ph\":\"E\",\"ts\":" << timeStamp << ",\"pid\":1,\"tid\":" << threadId << "}\n";
+        *this << "{\"ph\":\"E\",\"ts\":";
+        m_Stamp = m_End;
+        *this << ",\"pid\":1,\"tid\":" << threadId << "}\n";
+    }
+    // The time stamp of a begin or end goes in last, with the timeline's lock
+    // held, so that the events of a file stay in time order across threads.
+    void stamp(std::int64_t timeStamp)
+    {
+        char digits[20];
+        const auto size = static_cast<std::size_t>(std::to_chars(digits, digits + sizeof digits, timeStamp).ptr - digits);
+        std::memmove(m_Stamp + size, m_Stamp, static_cast<std::size_t>(m_End - m_Stamp));
+        std::memcpy(m_Stamp, digits, size);
+        m_End += size;
     }
     void gridMark(std::int64_t timeStamp, std::uint64_t threadId)
     {
@@ -89,6 +102,7 @@ private:
     std::unique_ptr<char[]> m_Heap;
     char* m_End;
     char* const m_Begin;
+    char* m_Stamp = nullptr;
     std::size_t m_Uncounted = 0;
     std::uint64_t m_Writes = 1;
 };

@@ -218,16 +218,22 @@ TEST(TimelineTest, ThreadsRecordRandomSectionsIntoPartsAfterOutputsThatFailedQui
     timeline.finishSession();
 
     // Each part parses and names each worker at most once; each worker's
-    // sections come in its order with their category, and each end closes a
-    // section of the same thread.
+    // sections come in its order with their category, each end closes a
+    // section of the same thread, and the sections of all threads are in
+    // time order.
     std::map<std::uint64_t, int> begun, depth;
     const std::size_t parts = dir.entries().size() - 4;
     ASSERT_LT(2u, parts);
     for (std::size_t p = 1; p <= parts; ++p) {
         std::map<std::uint64_t, int> named;
+        std::int64_t last = 0;
         for (const Json& e : eventsOf(readFile(part(next, p)))) { // a gap reads empty and fails
             const std::uint64_t id = e["tid"].get<std::uint64_t>();
             ASSERT_TRUE(names.count(id) == 1 || e["ph"] == "i") << e.dump();
+            if (e["ph"] == "B" || e["ph"] == "E") {
+                EXPECT_LE(last, e["ts"].get<std::int64_t>()) << e.dump();
+                last = e["ts"].get<std::int64_t>();
+            }
             if (e["ph"] == "M") {
                 EXPECT_EQ(names.at(id), e["args"]["name"]);
                 EXPECT_EQ(1, ++named[id]) << "named twice: " << e.dump();
