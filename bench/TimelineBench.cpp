@@ -122,80 +122,30 @@ long microsecondsNow()
 
 const char kHeader[] = "{\"displayTimeUnits\":\"ns\",\"traceEvents\":[\n";
 
-// Anchor: one fprintf per event. The header carries a first event, so that
-// every event line can start with its separating comma without a shared flag.
-class FprintfWriter
+// Anchor lines: one fprintf per event.
+struct FprintfLines
 {
-public:
-    explicit FprintfWriter(FILE* stream) : m_Stream(stream)
+    static void begin(FILE* stream, const char* name, const char* category)
     {
-        std::fprintf(m_Stream, "%s{\"pid\":1,\"tid\":%lu,\"ph\":\"M\",\"name\":\"thread_name\",\"args\":{\"name\":\"%s\"}}\n",
-                     kHeader, static_cast<unsigned long>(kernelThreadId()), "bench");
-    }
-    ~FprintfWriter()
-    {
-        std::fputs("]}", m_Stream);
-        std::fclose(m_Stream);
-    }
-    FprintfWriter(const FprintfWriter&) = delete;
-    FprintfWriter& operator=(const FprintfWriter&) = delete;
-
-    void beginSection(const char* name, const char* category)
-    {
-        std::fprintf(m_Stream, ",{\"name\":\"%s\",\"ph\":\"B\",\"ts\":%ld,\"pid\":1,\"tid\":%lu,\"cat\":\"%s\"}\n", name,
+        std::fprintf(stream, ",{\"name\":\"%s\",\"ph\":\"B\",\"ts\":%ld,\"pid\":1,\"tid\":%lu,\"cat\":\"%s\"}\n", name,
                      microsecondsNow(), static_cast<unsigned long>(kernelThreadId()), category);
     }
-    void endSection()
+    static void end(FILE* stream)
     {
-        std::fprintf(m_Stream, ",{\"ph\":\"E\",\"ts\":%ld,\"pid\":1,\"tid\":%lu}\n", microsecondsNow(),
+        std::fprintf(stream, ",{\"ph\":\"E\",\"ts\":%ld,\"pid\":1,\"tid\":%lu}\n", microsecondsNow(),
                      static_cast<unsigned long>(kernelThreadId()));
     }
-
-private:
-    FILE* m_Stream;
 };
 
-// Anchor: FprintfWriter with the timeline's buffer size.
-class BufferedFprintfWriter : public FprintfWriter
-{
-public:
-    explicit BufferedFprintfWriter(FILE* stream) : FprintfWriter(withBuffer(stream)) {}
-
-private:
-    // One writer at a time uses the buffer (the one-thread figure only), and
-    // it outlives every stream.
-    static FILE* withBuffer(FILE* stream)
-    {
-        static char buffer[64 * 1024];
-        std::setvbuf(stream, buffer, _IOFBF, sizeof buffer);
-        return stream;
-    }
-};
-
-// Anchor: each line put together with std::to_chars and memcpy in a local
+// Anchor lines: each put together with std::to_chars and memcpy in a local
 // buffer, then one fwrite.
-class ToCharsWriter
+struct ToCharsLines
 {
-public:
-    explicit ToCharsWriter(FILE* stream) : m_Stream(stream)
-    {
-        std::fprintf(m_Stream, "%s{\"pid\":1,\"tid\":%lu,\"ph\":\"M\",\"name\":\"thread_name\",\"args\":{\"name\":\"%s\"}}\n",
-                     kHeader, static_cast<unsigned long>(kernelThreadId()), "bench");
-    }
-    ~ToCharsWriter()
-    {
-        std::fputs("]}", m_Stream);
-        std::fclose(m_Stream);
-    }
-    ToCharsWriter(const ToCharsWriter&) = delete;
-    ToCharsWriter& operator=(const ToCharsWriter&) = delete;
-
-    void beginSection(const char* name, const char* category)
+    static void begin(FILE* stream, const char* name, const char* category)
     {
         char line[512];
-        char* out = line;
         char* const end = line + sizeof line - 64; // room for the numbers and the fixed text
-        out = text(out, ",{\"name\":\"");
+        char* out = text(line, ",{\"name\":\"");
         out = bounded(out, name, end);
         out = text(out, "\",\"ph\":\"B\",\"ts\":");
         out = std::to_chars(out, line + sizeof line, microsecondsNow()).ptr;
@@ -204,21 +154,18 @@ public:
         out = text(out, ",\"cat\":\"");
         out = bounded(out, category, end);
         out = text(out, "\"}\n");
-        std::fwrite(line, 1, static_cast<std::size_t>(out - line), m_Stream);
+        std::fwrite(line, 1, static_cast<std::size_t>(out - line), stream);
     }
-    void endSection()
+    static void end(FILE* stream)
     {
         char line[96];
-        char* out = line;
-        out = text(out, ",{\"ph\":\"E\",\"ts\":");
+        char* out = text(line, ",{\"ph\":\"E\",\"ts\":");
         out = std::to_chars(out, line + sizeof line, microsecondsNow()).ptr;
         out = text(out, ",\"pid\":1,\"tid\":");
         out = std::to_chars(out, line + sizeof line, kernelThreadId()).ptr;
         out = text(out, "}\n");
-        std::fwrite(line, 1, static_cast<std::size_t>(out - line), m_Stream);
+        std::fwrite(line, 1, static_cast<std::size_t>(out - line), stream);
     }
-
-private:
     template <std::size_t N>
     static char* text(char* out, const char (&literal)[N])
     {
@@ -231,9 +178,46 @@ private:
         std::memcpy(out, s, length);
         return out + length;
     }
+};
 
+// Anchor: a plain trace writer putting out its lines with `Lines`, on a
+// stream with the C library's buffer or (kBuffered) with the timeline's
+// buffer size. The header carries a first event, so that every event line
+// can start with its separating comma without a shared flag.
+template <typename Lines, bool kBuffered = false>
+class PlainWriter
+{
+public:
+    explicit PlainWriter(FILE* stream) : m_Stream(stream)
+    {
+        if (kBuffered)
+        {
+            // One writer at a time uses the buffer (the one-thread figure
+            // only), and it outlives every stream.
+            static char buffer[64 * 1024];
+            std::setvbuf(m_Stream, buffer, _IOFBF, sizeof buffer);
+        }
+        std::fprintf(m_Stream, "%s{\"pid\":1,\"tid\":%lu,\"ph\":\"M\",\"name\":\"thread_name\",\"args\":{\"name\":\"%s\"}}\n",
+                     kHeader, static_cast<unsigned long>(kernelThreadId()), "bench");
+    }
+    ~PlainWriter()
+    {
+        std::fputs("]}", m_Stream);
+        std::fclose(m_Stream);
+    }
+    PlainWriter(const PlainWriter&) = delete;
+    PlainWriter& operator=(const PlainWriter&) = delete;
+
+    void beginSection(const char* name, const char* category) { Lines::begin(m_Stream, name, category); }
+    void endSection() { Lines::end(m_Stream); }
+
+private:
     FILE* m_Stream;
 };
+
+using FprintfWriter = PlainWriter<FprintfLines>;
+using BufferedFprintfWriter = PlainWriter<FprintfLines, true>;
+using ToCharsWriter = PlainWriter<ToCharsLines>;
 
 // Ours: the Timeline on a single-stream session.
 class OurWriter

@@ -23,6 +23,8 @@
 // verbatim, without JSON escaping: quotes, backslashes or control characters
 // in them make the file invalid JSON. Nothing reports errors: failed writes,
 // or part files that cannot be created, silently stop or spoil the recording.
+// Only an event whose strings run to hundreds of bytes allocates memory for
+// its line, and throws std::bad_alloc when there is none.
 //
 // A multipart session writes <baseName>.001, <baseName>.002, ... (at least
 // three digits), each a complete document. A part is closed and the next one
@@ -35,13 +37,18 @@
 // Threads: every operation may be called from any thread, except that
 // setThreadName(), append() and appendCSV() take no lock and must not race
 // with other calls on the same object; the destructor must not run
-// concurrently with other calls. The locked operations are serialised by a
-// one-byte spin lock held across file output (including closing and creating
-// part files), so lines of different threads never interleave.
+// concurrently with other calls. A thread puts its event line together
+// before it takes the timeline's lock (a foundation Mutex, held across file
+// output, including closing and creating part files), stamps it with the time
+// under the lock and writes it whole, so lines of different threads never
+// interleave and a file's events are in time order.
 #ifndef QOR_NAV_SDK_UTILS_TIMELINE_TIMELINE_H
 #define QOR_NAV_SDK_UTILS_TIMELINE_TIMELINE_H
 
+#include "qor/common/system/Mutex.h"
+
 #include <atomic>
+#include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
@@ -49,6 +56,8 @@
 #include <vector>
 
 namespace qor::nav::sdk::utils::timeline {
+
+class TraceEvent;
 
 class Timeline
 {
@@ -65,8 +74,7 @@ public:
     // ownership of the stream in every case: when a session is already active
     // the stream is closed at once and nothing else happens. The header is
     // written at once; a null stream leaves the timeline idle. A single-stream
-    // session never rolls over, whatever its size. The timeline switches the
-    // stream's own locking off (its lock serialises every write) and gives a
+    // session never rolls over, whatever its size. The timeline gives a
     // regular file that has not been written through the stream yet a 64 KiB
     // buffer; other streams keep their buffering.
     void startSession(FILE* stream);
@@ -111,8 +119,8 @@ public:
     // in the viewer before its first section.
     void setCurrentThreadNameIfNeeded();
 
-    // Low-level output, unlocked (the class itself calls them with its lock
-    // held): a formatted write to the current file, whose result (the byte
+    // Low-level output, unlocked (call them while no other thread uses the
+    // object): a formatted write to the current file, whose result (the byte
     // count, or -1 on failure) is added to the part's byte count. appendCSV()
     // first writes the separating comma unless this is the file's first
     // event; that comma is not counted. Nothing is written without a file.
@@ -134,28 +142,30 @@ public:
     void finishSessionCommon();
 
 private:
-    class SpinLockGuard;
+    // The locked writes of the class: `event` after its separator, counted
+    // without the separators.
+    void write(const TraceEvent& event);
+    void vappend(bool separated, const char* format, va_list args) __attribute__((format(printf, 3, 0)));
 
-    std::atomic<bool> m_Active;
-    FILE* m_File;
+    std::atomic<bool> m_Active{false};
+    FILE* m_File = nullptr;
     std::string m_BaseName;
-    std::uint64_t m_PartNumber;
-    std::uint64_t m_BytesWritten;
-    std::uint64_t m_PartSizeLimit;
-    std::uint64_t m_SessionThreadId;
+    std::uint64_t m_PartNumber = 0;
+    std::uint64_t m_BytesWritten = 0;
+    std::uint64_t m_PartSizeLimit = 0;
+    std::uint64_t m_SessionThreadId = 0;
     std::vector<std::uint64_t> m_NamedThreads; // ascending
-    std::uint64_t m_StartTime;                 // microseconds
-    bool m_NeedComma;
-    // 0 free, 1 taken. On a cache line of its own: threads that wait for the
-    // lock keep writing to it, and would otherwise take the line holding the
-    // fields that the lock's holder is writing away from the holder again and
-    // again.
-    alignas(64) std::atomic<std::uint8_t> m_Lock;
+    std::uint64_t m_StartTime = 0;             // microseconds
+    bool m_NeedComma = false;
+    // Guards every field above. On a cache line of its own: threads that
+    // wait for the lock would otherwise take the line holding the fields
+    // that the lock's holder is writing away from the holder again and again.
+    alignas(64) ::qor::common::system::Mutex m_Lock;
 
     // A process-wide unique number of the current file, changed whenever
     // m_NamedThreads is emptied for a new file; read without the lock by a
     // thread that wants to know whether it has been named in this file.
-    alignas(64) std::atomic<std::uint64_t> m_FileNumber;
+    alignas(64) std::atomic<std::uint64_t> m_FileNumber{0};
     // The output buffer of files that the timeline tunes (regular files
     // whose stream has not been used yet); allocated with the first such
     // file and reused for the following ones.

@@ -63,7 +63,7 @@ std::string part(const std::string& base, std::size_t number)
 void sections(Timeline& timeline, int count)
 {
     for (int i = 0; i < count; ++i) {
-        timeline.beginSection("step", nullptr, "");
+        timeline.beginSection("step", "c", "");
         timeline.endSection();
     }
 }
@@ -89,17 +89,18 @@ TEST(TimelineTest, SessionOfOneNamedThreadHasExactBytesAndASixtyHertzGrid)
     HandClock clock;
     TemporaryDirectory dir;
     const std::string path = dir.path() + "/used.json";
+    const std::string extra = ",\"args\":{\"n\":\"" + std::string(400, 'n') + "\"}"; // longer than a line usually is
     FunctionThread thread("RendererWithALongName", [&] {
         FILE* used = std::fopen(path.c_str(), "w");
         std::fputs("prefix\n", used); // the stream keeps its buffer and this text
         Timeline timeline;
         s_Micros = 5000;
         timeline.startSession(used);
-        timeline.setThreadName(42, "Loader");
+        timeline.setThreadName(42, nullptr); // printed as the C library prints a null string
         s_Micros = 5100;
         timeline.beginSection("frame", "gfx", "");
         s_Micros = 5200;
-        timeline.beginSection("layout", nullptr, ",\"args\":{\"n\":1}");
+        timeline.beginSection("layout", nullptr, extra.c_str());
         s_Micros = 5300;
         timeline.endSection();
         s_Micros = 5400;
@@ -110,10 +111,10 @@ TEST(TimelineTest, SessionOfOneNamedThreadHasExactBytesAndASixtyHertzGrid)
     thread.join();
     const std::string t = std::to_string(thread.getId());
     EXPECT_EQ("prefix\n" + kHeader +
-        R"({"pid":1,"tid":42,"ph":"M","name":"thread_name","args":{"name":"Loader"}})" "\n"
+        R"x({"pid":1,"tid":42,"ph":"M","name":"thread_name","args":{"name":"(null)"}})x" "\n"
         R"(,{"pid":1,"tid":)" + t + R"(,"ph":"M","name":"thread_name","args":{"name":"RendererWithALongName"}})" "\n"
         R"(,{"name":"frame","ph":"B","ts":5100,"pid":1,"tid":)" + t + R"(,"cat":"gfx"})" "\n"
-        R"(,{"name":"layout","ph":"B","ts":5200,"pid":1,"tid":)" + t + R"(,"args":{"n":1}})" "\n"
+        R"(,{"name":"layout","ph":"B","ts":5200,"pid":1,"tid":)" + t + extra + "}\n"
         R"(,{"ph":"E","ts":5300,"pid":1,"tid":)" + t + "}\n"
         R"(,{"ph":"E","ts":5400,"pid":1,"tid":)" + t + "}\n"
         R"(,{"name":"VSYNC","ph":"i","s":"t","ts":5000,"pid":1,"tid":)" + t + "}\n"
@@ -130,8 +131,8 @@ TEST(TimelineTest, PartsRollOverOnlyAboveTheLimitAndNameTheThreadInEach)
     Timeline timeline;
     timeline.startMultipartSession((dir.path() + "/one").c_str(), 1000000);
     sections(timeline, 1);
-    timeline.finishSession(); // header, name, begin and end, less the two separating commas:
-    const std::uint64_t cycle = readFile(dir.path() + "/one.001").size() - 4;
+    timeline.finishSession(); // header, name, begin and end, less the trailer and three commas (one before "cat"):
+    const std::uint64_t cycle = readFile(dir.path() + "/one.001").size() - 5;
     timeline.startMultipartSession(base.c_str(), cycle); // exactly at the limit is not above it
     int fds[2];
     ASSERT_EQ(0, ::pipe2(fds, O_NONBLOCK));
@@ -217,16 +218,22 @@ TEST(TimelineTest, ThreadsRecordRandomSectionsIntoPartsAfterOutputsThatFailedQui
     timeline.finishSession();
 
     // Each part parses and names each worker at most once; each worker's
-    // sections come in its order with their category, and each end closes a
-    // section of the same thread.
+    // sections come in its order with their category, each end closes a
+    // section of the same thread, and the sections of all threads are in
+    // time order.
     std::map<std::uint64_t, int> begun, depth;
     const std::size_t parts = dir.entries().size() - 4;
     ASSERT_LT(2u, parts);
     for (std::size_t p = 1; p <= parts; ++p) {
         std::map<std::uint64_t, int> named;
+        std::int64_t last = 0;
         for (const Json& e : eventsOf(readFile(part(next, p)))) { // a gap reads empty and fails
             const std::uint64_t id = e["tid"].get<std::uint64_t>();
             ASSERT_TRUE(names.count(id) == 1 || e["ph"] == "i") << e.dump();
+            if (e["ph"] == "B" || e["ph"] == "E") {
+                EXPECT_LE(last, e["ts"].get<std::int64_t>()) << e.dump();
+                last = e["ts"].get<std::int64_t>();
+            }
             if (e["ph"] == "M") {
                 EXPECT_EQ(names.at(id), e["args"]["name"]);
                 EXPECT_EQ(1, ++named[id]) << "named twice: " << e.dump();
