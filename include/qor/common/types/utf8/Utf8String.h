@@ -33,6 +33,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <utility>
 
 namespace qor::common::types::utf8 {
 
@@ -67,6 +68,9 @@ public:
     // std::out_of_range when `pos` is past the end). Takes the bytes as they
     // are, whole characters or not.
     Utf8String(const std::string& bytes, std::size_t pos = 0, std::size_t len = npos);
+
+    // Takes over the bytes of a whole string without copying them.
+    Utf8String(std::string&& bytes) noexcept : m_Bytes(std::move(bytes)) {}
 
     // The bytes. The reference stays valid until the string is changed.
     const std::string& str() const noexcept { return m_Bytes; }

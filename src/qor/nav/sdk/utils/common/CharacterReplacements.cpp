@@ -198,15 +198,15 @@ std::vector<Occurrence> acceptedOccurrences(const std::vector<Entry>& entries, c
 // characters from the front of what replaced that one. The rewritten text
 // grows from the back of `out` towards its front, so taking from its front
 // is cheap.
-void replaceFromTheRight(const std::string& input, const std::vector<Occurrence>& sorted,
-                         const std::vector<Entry>& entries, std::string& out)
+std::string replaceFromTheRight(const std::string& input, const std::vector<Occurrence>& sorted,
+                                const std::vector<Entry>& entries)
 {
     std::size_t end = input.size();
     for (const Occurrence& occurrence : sorted)
     {
         end += entries[occurrence.entry].to.size();
     }
-    out.resize(end);
+    std::string out(end, '\0');
     std::size_t begin = end;         // out[begin, end) is the rewritten text
     std::size_t done = input.size(); // of input[done, input.size())
     auto prepend = [&](const char* bytes, std::size_t size) {
@@ -232,13 +232,7 @@ void replaceFromTheRight(const std::string& input, const std::vector<Occurrence>
     }
     prepend(input.data(), done);
     out.erase(0, begin);
-}
-
-// The bytes of a Utf8String, to build a result in place. A Utf8String is its
-// byte string and nothing else, and `text` is not const, so neither are they.
-std::string& bytesOf(Utf8String& text) noexcept
-{
-    return const_cast<std::string&>(text.str());
+    return out;
 }
 
 } // namespace
@@ -332,7 +326,7 @@ CharacterReplacementResult CharacterReplacements::replaceCharacters(const Utf8St
     }
     std::sort(accepted.begin(), accepted.end(),
               [](const Occurrence& a, const Occurrence& b) { return a.position < b.position; });
-    replaceFromTheRight(text.str(), accepted, table->entries, bytesOf(result.text));
+    result.text = Utf8String(replaceFromTheRight(text.str(), accepted, table->entries));
     for (const Occurrence& occurrence : accepted)
     {
         // Built in place: a temporary would copy both texts twice.
