@@ -8,14 +8,12 @@
 //     bytes 00..1F? (In strict UTF-8 these bytes only occur as the control
 //     characters U+0000..U+001F.)
 //
-// Several implementations exist; which ones can run depends on the processor:
-// a word-at-a-time scalar path everywhere, SSE4.1, AVX2 and AVX-512 (BW)
-// paths on x86-64 (chosen at run time, the build needs no -m flags), a NEON
-// path on AArch64.
-// The vector paths check 64 bytes per step with three 16-entry table lookups
-// on the nibbles of each byte and of the byte before it, plus a check that
-// continuation bytes appear exactly where a three- or four-byte lead needs
-// them. The fastest available path is picked on first use.
+// Several implementations ("paths") exist; which ones can run depends on the
+// processor: a word-at-a-time scalar path everywhere, SSE4.1 and AVX2 paths
+// on x86-64, a NEON path on AArch64. The vector paths are one kernel
+// (Utf8CheckKernel.h) instantiated per instruction set, each in its own file
+// compiled for that set; Utf8Check.cpp picks the fastest one the processor
+// has on first use, so the build as a whole needs no -m flags.
 //
 // Threads: constant data and re-entrant functions; any thread.
 #ifndef QOR_NAV_SDK_UTILS_VALIDATION_UTF8CHECK_H
@@ -31,7 +29,7 @@ using Utf8CheckFunction = bool (*)(const std::uint8_t* data, std::size_t size) n
 // One implementation of both checks.
 struct Utf8CheckPath
 {
-    const char* name; // "scalar", "sse4.1", "avx2", "avx512", "neon"
+    const char* name; // "scalar", "sse4.1", "avx2", "neon"
     Utf8CheckFunction isStrictUtf8;
     Utf8CheckFunction isStrictUtf8WithoutControls;
 };
@@ -44,6 +42,22 @@ const Utf8CheckPath* availableUtf8CheckPaths(std::size_t& count) noexcept;
 // The checks through the fastest available path.
 bool isStrictUtf8(const std::uint8_t* data, std::size_t size) noexcept;
 bool isStrictUtf8WithoutControls(const std::uint8_t* data, std::size_t size) noexcept;
+
+// The paths themselves, one per file; `rejectControls` selects the second
+// check. A vector path exists only on its processor family and may be called
+// only when the processor has its instruction set. Hidden, so that the
+// dispatch calls them directly rather than through the library's PLT.
+[[gnu::visibility("hidden")]] bool scalarUtf8Check(const std::uint8_t* data, std::size_t size,
+                                                   bool rejectControls) noexcept;
+#if defined(__x86_64__) || defined(__i386__)
+[[gnu::visibility("hidden")]] bool sse41Utf8Check(const std::uint8_t* data, std::size_t size,
+                                                  bool rejectControls) noexcept;
+[[gnu::visibility("hidden")]] bool avx2Utf8Check(const std::uint8_t* data, std::size_t size,
+                                                 bool rejectControls) noexcept;
+#elif defined(__aarch64__)
+[[gnu::visibility("hidden")]] bool neonUtf8Check(const std::uint8_t* data, std::size_t size,
+                                                 bool rejectControls) noexcept;
+#endif
 
 } // namespace qor::nav::sdk::utils::validation::detail
 
