@@ -92,7 +92,7 @@ struct ConsoleLogSink : qor::common::logging::ILogSink
                 record.text.substr(start, end - start));
         }
     }
-    std::atomic<int> warningsAndErrors{0};
+    std::atomic<int> warningsAndErrors{0}; // read once the writers are joined: any memory order would do
 };
 
 // Opens a section on construction and closes it on destruction. `extra` is
@@ -130,7 +130,7 @@ struct Job : synchronization::Function
         }
     }
     std::function<bool(int)> step;
-    std::atomic<int> runs{0};
+    std::atomic<int> runs{0}; // read once the scheduler is shut down (joined): any memory order would do
     bool finished = false; // on the scheduler's thread only
     std::promise<void> done;
     std::future<void> finishing = done.get_future(); // ready once a step returned true
