@@ -97,7 +97,8 @@ struct Shared
     void memoryStep(std::mt19937& random, Blocks& held)
     {
         const long ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count() % 3000;
-        const std::size_t size = 1 + random() % 28000; // up to 7 chunks, guard words included
+        // 1 to 7 chunks, one more for about half of them once the guard words are added
+        const std::size_t size = 4096 * (1 + random() % 7) - 36 + random() % 24;
         if (budget.getMemoryConsumption() < 0.3f + std::min(ms, 3000 - ms) / 2000.0f) {
             if (void* block = allocator.allocate(size, __FILE__, __LINE__)) {
                 held.emplace_back(std::memset(block, 0x5A, size), size); // all of it is ours: the guards must hold
