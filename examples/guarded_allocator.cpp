@@ -1,5 +1,4 @@
-// A small allocator composed from the allocator policies: a locking, an error
-// and a checking policy, plus a statistics record. It asks a memory budget for
+// The allocator of GuardedAllocator.h at work: it asks a memory budget for
 // chunks before it takes memory from the system, so the budget's status rises
 // as blocks are taken and falls as they are given back; a listener prints each
 // change. At the end the statistics are logged and an overwritten guard word is
@@ -11,11 +10,9 @@
 // The overflow report ends in a failed assertion, which aborts the process
 // that frees the overwritten block. That is why the example shows it in a
 // child process unless asked to do it in its own.
-#include "qor/common/logging/Logger.h"
+#include "GuardedAllocator.h"
+
 #include "qor/nav/sdk/utils/memory/IMemoryListener.h"
-#include "qor/nav/sdk/utils/memory/MemoryManager.h"
-#include "qor/nav/sdk/utils/memory/MemoryStatus.h"
-#include "qor/nav/sdk/utils/memory/allocator/policy/AllocationStatistics.h"
 #include "qor/nav/sdk/utils/memory/allocator/policy/CheckForBufferOverflow.h"
 #include "qor/nav/sdk/utils/memory/allocator/policy/NoMultiThreading.h"
 #include "qor/nav/sdk/utils/memory/allocator/policy/NullptrOnError.h"
@@ -25,7 +22,6 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
@@ -37,17 +33,8 @@ using namespace qor::nav::sdk::utils::memory::allocator::policy;
 
 namespace {
 
-const char* statusName(MemoryStatus status)
-{
-    switch (status)
-    {
-    case Normal: return "Normal";
-    case Elevated: return "Elevated";
-    case High: return "High";
-    case Critical: return "Critical";
-    }
-    return "?";
-}
+using example::GuardedAllocator;
+using example::statusName;
 
 // Prints every change of the memory status. Called on the thread that took or
 // returned the chunks, with the budget's locks held: print and return.
@@ -58,73 +45,6 @@ public:
     {
         std::cout << "  memory status " << statusName(oldStatus) << " -> " << statusName(newStatus) << std::endl;
     }
-};
-
-// malloc-backed blocks, counted against `budget` in whole chunks per block.
-//   LockingPolicy:  NoMultiThreading, ProtectByMutex or ProtectBySpinLock
-//   ErrorPolicy:    NullptrOnError (what a refused request returns)
-//   CheckingPolicy: CheckForBufferOverflow (guard words around every block)
-template <typename LockingPolicy, typename ErrorPolicy, typename CheckingPolicy>
-class GuardedAllocator
-{
-public:
-    // malloc's blocks are 16-byte aligned; 24 bytes in they are 8-byte aligned.
-    static constexpr std::uint16_t s_Align = 8;
-
-    GuardedAllocator(const char* name, MemoryManager& budget) : m_Statistics(name), m_Check(name), m_Budget(budget) {}
-
-    // `size` bytes, or what the error policy returns when the budget or the
-    // system refuses.
-    void* allocate(std::size_t size, const char* file, std::uint32_t line)
-    {
-        const std::size_t total = grossSize(size);
-        // The budget has its own locks and calls the listeners: never inside ours.
-        if (!m_Budget.requestChunks(chunksFor(total)))
-        {
-            return m_Errors.handleAllocationError(size, s_Align, file, line);
-        }
-        void* raw = std::malloc(total);
-        if (raw == nullptr)
-        {
-            m_Budget.returnChunks(chunksFor(total));
-            return m_Errors.handleAllocationError(size, s_Align, file, line);
-        }
-        auto guard = m_Lock.lock();
-        m_Statistics.m_BytesAllocated += size;
-        ++m_Statistics.m_AllocationsMade;
-        return m_Check.onAllocation(raw, size, s_Align, file, line);
-    }
-
-    // Frees a block of `size` bytes from allocate(). Aborts with a report if
-    // the block was overrun.
-    void deallocate(void* p, std::size_t size)
-    {
-        m_Errors.handleDeallocation(p);
-        if (p == nullptr)
-        {
-            return;
-        }
-        void* raw = nullptr;
-        {
-            auto guard = m_Lock.lock();
-            raw = m_Check.onDeallocation(p);
-        }
-        std::free(raw);
-        m_Budget.returnChunks(chunksFor(grossSize(size)));
-    }
-
-private:
-    static std::size_t grossSize(std::size_t size)
-    {
-        return size + CheckingPolicy::extraBytesFront() + CheckingPolicy::extraBytesBack();
-    }
-    static unsigned long chunksFor(std::size_t bytes) { return (bytes + 4095) / 4096; }
-
-    AllocationStatistics m_Statistics; // registers itself with MemoryManager::locateInstance()
-    CheckingPolicy m_Check;
-    ErrorPolicy m_Errors;
-    LockingPolicy m_Lock;
-    MemoryManager& m_Budget;
 };
 
 using SharedAllocator = GuardedAllocator<ProtectByMutex, NullptrOnError, CheckForBufferOverflow>;

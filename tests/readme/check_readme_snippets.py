@@ -4,7 +4,7 @@
     check_readme_snippets.py SOURCE_DIR
 
 A block matches when its lines appear as consecutive lines of one of
-SOURCE_DIR/examples/*.cpp; indentation at the start of lines and blanks at
+SOURCE_DIR/examples/*.cpp or *.h; indentation at the start of lines and blanks at
 their end are ignored, so that an excerpt from inside a function may be
 quoted flush left. The examples are built with the project, so a README
 example that no longer compiles or no longer says what the code does fails
@@ -53,7 +53,7 @@ def main():
     with open(os.path.join(source, "README.md"), encoding="utf-8") as f:
         blocks = cpp_blocks(f.read())
     examples = {}
-    for path in sorted(glob.glob(os.path.join(source, "examples", "*.cpp"))):
+    for path in sorted(glob.glob(os.path.join(source, "examples", "*.[ch]*"))):
         with open(path, encoding="utf-8") as f:
             examples[os.path.relpath(path, source)] = normalized(f.read().splitlines())
     if not blocks:

@@ -6,12 +6,13 @@
 // While it runs, three schedulers are fed by two client threads each with
 // immediate, delayed and periodic work that they remove again at random;
 // periodic functions also end themselves (by throwing) after a few runs. The
-// functions take and return chunks of one small MemoryManager budget whose use
-// follows a wave, so that its status rises to Critical and falls back again
-// and again; two listeners follow the notifications. The functions also apply
-// the character-replacement table, which one more thread keeps replacing,
-// checking that no result mixes two tables, repair broken bytes, and record
-// timeline sections into a multipart session with small parts.
+// functions take and free blocks through the examples' guarded allocator on
+// one small MemoryManager budget whose use follows a wave, so that its status
+// rises to Critical and falls back again and again; two listeners follow the
+// notifications. The functions also apply the character-replacement table,
+// which one more thread keeps replacing, checking that no result mixes two
+// tables, repair broken bytes, and record timeline sections into a multipart
+// session with small parts.
 //
 // Then the load stops, the queued one-shot work runs out, the schedulers shut
 // down, and the soak checks: every one-shot that was not removed ran exactly
@@ -22,9 +23,13 @@
 // half. Exit status 0 when all hold, 1 with a "soak: FAILED: ..." line per
 // broken check, 2 for bad arguments; a wind-down that hangs is ended by
 // SIGALRM.
+#include "GuardedAllocator.h"
 #include "qor/common/logging/Logger.h"
 #include "qor/nav/sdk/utils/common/CharacterReplacements.h"
 #include "qor/nav/sdk/utils/memory/MemoryManager.h"
+#include "qor/nav/sdk/utils/memory/allocator/policy/CheckForBufferOverflow.h"
+#include "qor/nav/sdk/utils/memory/allocator/policy/NullptrOnError.h"
+#include "qor/nav/sdk/utils/memory/allocator/policy/ProtectByMutex.h"
 #include "qor/nav/sdk/utils/synchronization/FunctionExecutionScheduler.h"
 #include "qor/nav/sdk/utils/timeline/Timeline.h"
 #include "qor/nav/sdk/utils/validation/UTF8Validator.h"
@@ -35,6 +40,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstring>
 #include <fstream>
 #include <iostream>
 #include <map>
@@ -85,23 +91,27 @@ struct ChainListener : memory::IMemoryListener
 
 struct Shared
 {
-    // Takes or returns a few chunks, aiming at a fill level that goes from
-    // 30 % to 105 % of the 512-chunk budget and back every 3 s.
-    void memoryStep(std::mt19937& random)
+    using Blocks = std::vector<std::pair<void*, std::size_t>>;
+    // Takes a block of a few chunks or frees one of `held`, aiming at a fill
+    // level that goes from 30 % to 105 % of the 512-chunk budget and back every 3 s.
+    void memoryStep(std::mt19937& random, Blocks& held)
     {
         const long ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count() % 3000;
-        const long chunks = 1 + random() % 7;
+        // 1 to 7 chunks, one more for about half of them once the guard words are added
+        const std::size_t size = 4096 * (1 + random() % 7) - 36 + random() % 24;
         if (budget.getMemoryConsumption() < 0.3f + std::min(ms, 3000 - ms) / 2000.0f) {
-            held += budget.requestChunks(chunks) ? chunks : 0;
-        } else if ((held -= chunks) >= 0) {
-            budget.returnChunks(chunks);
-        } else {
-            held += chunks; // claimed more than is held: return nothing
+            if (void* block = allocator.allocate(size, __FILE__, __LINE__)) {
+                held.emplace_back(std::memset(block, 0x5A, size), size); // all of it is ours: the guards must hold
+            }
+        } else if (!held.empty()) {
+            allocator.deallocate(held.back().first, held.back().second);
+            held.pop_back();
         }
     }
 
     memory::MemoryManager budget{512 * 4096};
-    std::atomic<long> held{0}; // chunks taken and not claimed for returning
+    example::GuardedAllocator<memory::allocator::policy::ProtectByMutex, memory::allocator::policy::NullptrOnError,
+                              memory::allocator::policy::CheckForBufferOverflow> allocator{"Soak", budget};
     timeline::Timeline timeline;
     const std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
     std::atomic<bool> shutdownReturned{false};
@@ -119,6 +129,9 @@ struct SoakJob : synchronization::Function
     }
     ~SoakJob() override
     {
+        for (const auto& [block, size] : held) {
+            shared.allocator.deallocate(block, size);
+        }
         shared.wrongRuns += !periodic && (runs > 1 || (runs == 0 && !removed));
         --shared.alive[periodic];
     }
@@ -131,7 +144,7 @@ struct SoakJob : synchronization::Function
         for (unsigned i = random() % 4; i > 0; --i) {
             shared.timeline.beginSection("memory", "soak", "");
             ++shared.sections;
-            shared.memoryStep(random);
+            shared.memoryStep(random, held);
             shared.timeline.endSection();
         }
         // Both ways of replacing must use one table, and repairing broken bytes
@@ -158,6 +171,7 @@ struct SoakJob : synchronization::Function
     Shared& shared;
     const bool periodic;
     std::mt19937 random;
+    Shared::Blocks held; // freed by the last holder
     std::atomic<int> runs{0};
     std::atomic<bool> removed{false};
     Scheduler::FunctionExecutionId id;
@@ -253,7 +267,6 @@ int main(int argc, char** argv)
     check(sink->logged == shared.thrown && sink->unexpected == 0, "thrown exceptions and error records differ");
     check(shared.textFailures == 0, std::to_string(shared.textFailures) + " replacements mixed two tables or repairs failed");
 
-    shared.budget.returnChunks(shared.held);
     check(shared.budget.getMemoryConsumption() == 0.0f && shared.budget.getMemoryStatus() == memory::Normal, "the chunks do not balance");
     check(listeners[0].broken + listeners[1].broken == 0 && listeners[0].count == listeners[1].count &&
               listeners[0].last == memory::Normal && listeners[0].criticals > 0,
