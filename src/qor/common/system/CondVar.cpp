@@ -1,58 +1,55 @@
 #include "qor/common/system/CondVar.h"
 
-#include <time.h>
+#include "Futex.h"
 
-#include <cerrno>
-#include <system_error>
+#include <climits>
+
+// Why relaxed ordering suffices on both words, and why a signaller may test
+// m_Waiters without the mutex: a waiter registers and reads m_Sequence while
+// it holds the mutex, after it found its condition false; a signaller changed
+// the condition while holding the mutex, before it signals. Either the
+// signaller's critical section came first, and the waiter sees the changed
+// condition and does not wait; or the waiter's came first, and then the
+// mutex's release and acquire order the registration and the reading before
+// the signaller's test and increment. So the test sees the waiter, and the
+// increment makes the value the waiter read stale, whether it sleeps yet or
+// not; the kernel orders the futex calls against the word itself.
 
 namespace qor::common::system {
 
-CondVar::CondVar()
+void CondVar::wake(int count)
 {
-    pthread_condattr_t attr;
-    ::pthread_condattr_init(&attr);
-    // Timed waits measure on the monotonic clock, immune to wall-clock changes.
-    ::pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
-    const int rc = ::pthread_cond_init(&m_Cond, &attr);
-    ::pthread_condattr_destroy(&attr);
-    if (rc != 0)
+    // Relaxed: see above.
+    if (m_Waiters.load(std::memory_order_relaxed) != 0)
     {
-        throw std::system_error(rc, std::generic_category(), "pthread_cond_init");
+        // Relaxed: see above; the value only has to differ from what a waiter read.
+        m_Sequence.fetch_add(1, std::memory_order_relaxed);
+        detail::futexWake(m_Sequence, count);
     }
-}
-
-CondVar::~CondVar()
-{
-    ::pthread_cond_destroy(&m_Cond);
-}
-
-void CondVar::signal()
-{
-    ::pthread_cond_signal(&m_Cond);
 }
 
 void CondVar::broadcast()
 {
-    ::pthread_cond_broadcast(&m_Cond);
-}
-
-void CondVar::wait(Mutex& mutex)
-{
-    ::pthread_cond_wait(&m_Cond, &mutex.m_Mutex);
+    wake(INT_MAX);
 }
 
 bool CondVar::wait(Mutex& mutex, unsigned int timeout)
 {
-    timespec deadline{};
-    ::clock_gettime(CLOCK_MONOTONIC, &deadline);
-    deadline.tv_sec += static_cast<time_t>(timeout / 1000u);
-    deadline.tv_nsec += static_cast<long>(timeout % 1000u) * 1000000L;
-    if (deadline.tv_nsec >= 1000000000L)
-    {
-        deadline.tv_sec += 1;
-        deadline.tv_nsec -= 1000000000L;
-    }
-    return ::pthread_cond_timedwait(&m_Cond, &mutex.m_Mutex, &deadline) != ETIMEDOUT;
+    const timespec relative{static_cast<time_t>(timeout / 1000u), static_cast<long>(timeout % 1000u) * 1000000L};
+    return waitFor(mutex, &relative);
+}
+
+bool CondVar::waitFor(Mutex& mutex, const timespec* relative)
+{
+    // Both relaxed, made while holding the mutex: see above.
+    m_Waiters.fetch_add(1, std::memory_order_relaxed);
+    const int sequence = m_Sequence.load(std::memory_order_relaxed);
+    mutex.unlock();
+    const bool timedOut = detail::futexWait(m_Sequence, sequence, relative);
+    mutex.lock(Mutex::Wait);
+    // Relaxed: under the mutex again, see above.
+    m_Waiters.fetch_sub(1, std::memory_order_relaxed);
+    return !timedOut;
 }
 
 } // namespace qor::common::system
