@@ -4,7 +4,9 @@
 // neither stretches nor shortens them. Wake-ups may be spurious: callers wait
 // in a loop over their own condition, which they change only while holding
 // the mutex (the signal may follow after the mutex is released). A signal
-// with nobody waiting costs no system call.
+// wakes every thread waiting at that moment, not just one: the kit has one
+// waiter per condition variable, and in exchange a signal costs no system
+// call unless a thread has started waiting since the previous signal.
 //
 // Threads: signal() and broadcast() may be called from any thread, with or
 // without the mutex held; wait() must be called with the mutex held by the
@@ -23,14 +25,21 @@ namespace qor::common::system {
 class CondVar
 {
 public:
-    CondVar() noexcept : m_Sequence(0), m_Waiters(0) {}
+    CondVar() noexcept : m_Word(0) {}
     CondVar(const CondVar&) = delete;
     CondVar& operator=(const CondVar&) = delete;
 
-    // Wakes one waiting thread, if any.
-    void signal() { wake(1); }
-    // Wakes every waiting thread.
-    void broadcast();
+    // Wakes the waiting threads, if any.
+    void signal() { broadcast(); }
+    void broadcast()
+    {
+        // Relaxed: see CondVar.cpp. Nobody started waiting since the last
+        // wake-up: no system call.
+        if ((m_Word.load(std::memory_order_relaxed) & s_Waiting) != 0)
+        {
+            wakeWaiters();
+        }
+    }
 
     // Releases `mutex`, waits for a signal and reacquires it.
     void wait(Mutex& mutex) { waitFor(mutex, nullptr); }
@@ -39,16 +48,16 @@ public:
     bool wait(Mutex& mutex, unsigned int timeout);
 
 private:
-    void wake(int count);
+    static constexpr int s_Waiting = 1;
+
+    void wakeWaiters();
     bool waitFor(Mutex& mutex, const timespec* relative);
 
-    // The futex word: advanced by every signal that finds a waiter, so that a
-    // waiter that read it before releasing the mutex does not fall asleep
-    // after the signal meant for it.
-    std::atomic<int> m_Sequence;
-    // Threads inside wait(); changed only with the mutex held. Lets a signal
-    // with nobody waiting skip the system call.
-    std::atomic<int> m_Waiters;
+    // The futex word. Bit 0 (s_Waiting): a thread may be waiting that no
+    // signal has woken yet. The bits above: a sequence that every waking
+    // signal advances, so that a waiter that read the word before it released
+    // the mutex does not fall asleep after the signal meant for it.
+    std::atomic<int> m_Word;
 };
 
 } // namespace qor::common::system

@@ -5,20 +5,18 @@
 //
 // Mutex is one 32-bit futex word: locking and unlocking a mutex nobody else
 // wants is one atomic instruction each, inline, with no system call. A thread
-// that finds it taken spins briefly (the critical sections of the kit are a
-// few list or counter operations) and then sleeps in the kernel until an
-// unlock wakes it. Waiters are not queued in order: a running thread may take
+// that finds it taken spins briefly, backing off (the critical sections of
+// the kit are a few list or counter operations), and then sleeps in the
+// kernel until an unlock wakes it. Waiters are not queued in order: a running thread may take
 // the mutex ahead of a woken one, as with the C library's mutexes, but a woken
 // waiter marks the mutex contended again, so every unlock that leaves it
 // behind wakes it once more.
 //
-// Locking a Mutex the calling thread already holds deadlocks. Unlocking one
-// that nobody holds aborts; unlocking one that another thread holds is
-// undefined.
+// Locking a Mutex the calling thread already holds deadlocks; unlocking one
+// that is not locked is undefined.
 //
-// Threads: lock and unlock may be called from any thread; the thread that
-// locked is the one that unlocks. A MutexGuard belongs to the thread that
-// created it.
+// Threads: lock and unlock may be called from any thread. A MutexGuard
+// belongs to the thread that created it.
 #ifndef QOR_COMMON_SYSTEM_MUTEX_H
 #define QOR_COMMON_SYSTEM_MUTEX_H
 
@@ -66,10 +64,9 @@ public:
         // Release: what this holder wrote must be visible to the next one,
         // whose acquire reads this store. An exchange, not a store, so that a
         // Contended mark set by a thread about to sleep is never missed.
-        const int previous = m_State.exchange(Unlocked, std::memory_order_release);
-        if (previous != Locked)
+        if (m_State.exchange(Unlocked, std::memory_order_release) == Contended)
         {
-            unlockContended(previous);
+            wakeOne();
         }
     }
 
@@ -82,7 +79,7 @@ private:
     };
 
     void lockContended() noexcept;
-    void unlockContended(int previous) noexcept;
+    void wakeOne() noexcept;
 
     std::atomic<int> m_State; // the futex word
 };

@@ -4,33 +4,36 @@
 
 #include <climits>
 
-// Why relaxed ordering suffices on both words, and why a signaller may test
-// m_Waiters without the mutex: a waiter registers and reads m_Sequence while
-// it holds the mutex, after it found its condition false; a signaller changed
-// the condition while holding the mutex, before it signals. Either the
-// signaller's critical section came first, and the waiter sees the changed
-// condition and does not wait; or the waiter's came first, and then the
-// mutex's release and acquire order the registration and the reading before
-// the signaller's test and increment. So the test sees the waiter, and the
-// increment makes the value the waiter read stale, whether it sleeps yet or
-// not; the kernel orders the futex calls against the word itself.
+// Why relaxed ordering suffices, and why a signaller may read the word
+// without the mutex: a waiter sets s_Waiting and reads the word in one atomic
+// operation while it holds the mutex, after it found its condition false; a
+// signaller changed the condition while holding the mutex, before it signals.
+// Either the signaller's critical section came first, and the waiter sees
+// the changed condition and does not wait; or the waiter's came first, and
+// then the mutex's release and acquire order the waiter's mark before the
+// signaller's read. So the signaller sees the mark, or a later value whose
+// change already woke the waiter; and since every change happens on the one
+// word, the value the waiter sleeps on is stale once a signal has changed it,
+// whether the waiter sleeps yet or not. The kernel orders the futex calls
+// against the word itself.
 
 namespace qor::common::system {
 
-void CondVar::wake(int count)
+void CondVar::wakeWaiters()
 {
-    // Relaxed: see above.
-    if (m_Waiters.load(std::memory_order_relaxed) != 0)
+    int word = m_Word.load(std::memory_order_relaxed);
+    // Relaxed: see above. Clears s_Waiting and advances the sequence in one
+    // step: the word is odd here, so one more is the next sequence, unmarked
+    // (counted in unsigned, which wraps).
+    while ((word & s_Waiting) != 0)
     {
-        // Relaxed: see above; the value only has to differ from what a waiter read.
-        m_Sequence.fetch_add(1, std::memory_order_relaxed);
-        detail::futexWake(m_Sequence, count);
+        if (m_Word.compare_exchange_weak(word, static_cast<int>(static_cast<unsigned>(word) + 1u),
+                                         std::memory_order_relaxed))
+        {
+            detail::futexWake(m_Word, INT_MAX);
+            return;
+        }
     }
-}
-
-void CondVar::broadcast()
-{
-    wake(INT_MAX);
 }
 
 bool CondVar::wait(Mutex& mutex, unsigned int timeout)
@@ -41,14 +44,11 @@ bool CondVar::wait(Mutex& mutex, unsigned int timeout)
 
 bool CondVar::waitFor(Mutex& mutex, const timespec* relative)
 {
-    // Both relaxed, made while holding the mutex: see above.
-    m_Waiters.fetch_add(1, std::memory_order_relaxed);
-    const int sequence = m_Sequence.load(std::memory_order_relaxed);
+    // Relaxed, with the mutex held: see above.
+    const int word = m_Word.fetch_or(s_Waiting, std::memory_order_relaxed) | s_Waiting;
     mutex.unlock();
-    const bool timedOut = detail::futexWait(m_Sequence, sequence, relative);
+    const bool timedOut = detail::futexWait(m_Word, word, relative);
     mutex.lock(Mutex::Wait);
-    // Relaxed: under the mutex again, see above.
-    m_Waiters.fetch_sub(1, std::memory_order_relaxed);
     return !timedOut;
 }
 
