@@ -36,8 +36,8 @@ using qor::nav::sdk::utils::memory::MemoryManager;
 
 constexpr unsigned long kBudgetBytes = 536870912UL; // the process-wide size: 131,072 chunks
 
-// A std::mutex-protected chunk counter: the anchor.
-class MutexCounter
+// The anchor: a std::mutex-protected chunk counter.
+class AnchorBudget
 {
 public:
     __attribute__((noinline)) bool requestChunks(unsigned long count)
@@ -140,10 +140,6 @@ void pairOneThreadInThreadedProcess(benchmark::State& state)
 struct OurBudget : MemoryManager
 {
     OurBudget() : MemoryManager(kBudgetBytes) {}
-};
-
-struct AnchorBudget : MutexCounter
-{
 };
 
 } // namespace

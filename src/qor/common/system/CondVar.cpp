@@ -1,58 +1,55 @@
 #include "qor/common/system/CondVar.h"
 
-#include <time.h>
+#include "Futex.h"
 
-#include <cerrno>
-#include <system_error>
+#include <climits>
+
+// Why relaxed ordering suffices, and why a signaller may read the word
+// without the mutex: a waiter sets s_Waiting and reads the word in one atomic
+// operation while it holds the mutex, after it found its condition false; a
+// signaller changed the condition while holding the mutex, before it signals.
+// Either the signaller's critical section came first, and the waiter sees
+// the changed condition and does not wait; or the waiter's came first, and
+// then the mutex's release and acquire order the waiter's mark before the
+// signaller's read. So the signaller sees the mark, or a later value whose
+// change already woke the waiter; and since every change happens on the one
+// word, the value the waiter sleeps on is stale once a signal has changed it,
+// whether the waiter sleeps yet or not. The kernel orders the futex calls
+// against the word itself.
 
 namespace qor::common::system {
 
-CondVar::CondVar()
+void CondVar::wakeWaiters()
 {
-    pthread_condattr_t attr;
-    ::pthread_condattr_init(&attr);
-    // Timed waits measure on the monotonic clock, immune to wall-clock changes.
-    ::pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
-    const int rc = ::pthread_cond_init(&m_Cond, &attr);
-    ::pthread_condattr_destroy(&attr);
-    if (rc != 0)
+    int word = m_Word.load(std::memory_order_relaxed);
+    // Relaxed: see above. Clears s_Waiting and advances the sequence in one
+    // step: the word is odd here, so one more is the next sequence, unmarked
+    // (counted in unsigned, which wraps).
+    while ((word & s_Waiting) != 0)
     {
-        throw std::system_error(rc, std::generic_category(), "pthread_cond_init");
+        if (m_Word.compare_exchange_weak(word, static_cast<int>(static_cast<unsigned>(word) + 1u),
+                                         std::memory_order_relaxed))
+        {
+            detail::futexWake(m_Word, INT_MAX);
+            return;
+        }
     }
-}
-
-CondVar::~CondVar()
-{
-    ::pthread_cond_destroy(&m_Cond);
-}
-
-void CondVar::signal()
-{
-    ::pthread_cond_signal(&m_Cond);
-}
-
-void CondVar::broadcast()
-{
-    ::pthread_cond_broadcast(&m_Cond);
-}
-
-void CondVar::wait(Mutex& mutex)
-{
-    ::pthread_cond_wait(&m_Cond, &mutex.m_Mutex);
 }
 
 bool CondVar::wait(Mutex& mutex, unsigned int timeout)
 {
-    timespec deadline{};
-    ::clock_gettime(CLOCK_MONOTONIC, &deadline);
-    deadline.tv_sec += static_cast<time_t>(timeout / 1000u);
-    deadline.tv_nsec += static_cast<long>(timeout % 1000u) * 1000000L;
-    if (deadline.tv_nsec >= 1000000000L)
-    {
-        deadline.tv_sec += 1;
-        deadline.tv_nsec -= 1000000000L;
-    }
-    return ::pthread_cond_timedwait(&m_Cond, &mutex.m_Mutex, &deadline) != ETIMEDOUT;
+    const timespec relative{static_cast<time_t>(timeout / 1000u), static_cast<long>(timeout % 1000u) * 1000000L};
+    return waitFor(mutex, &relative);
+}
+
+bool CondVar::waitFor(Mutex& mutex, const timespec* relative)
+{
+    // Relaxed, with the mutex held: see above.
+    const int word = m_Word.fetch_or(s_Waiting, std::memory_order_relaxed) | s_Waiting;
+    mutex.unlock();
+    const bool timedOut = detail::futexWait(m_Word, word, relative);
+    mutex.lock(Mutex::Wait);
+    return !timedOut;
 }
 
 } // namespace qor::common::system

@@ -84,13 +84,14 @@ TEST(SystemTest, GuardsHoldTheirLockAndReadersShareIt)
 }
 
 // A timed wait without signal reports the timeout after at least its length
-// (990 ms carries the deadline's nanoseconds into seconds) with the mutex
-// held; a signal ends it early. (The scheduler's tests wake waits with signal().)
-TEST(SystemTest, CondVarTimedWaitsLastTheirTimeoutOrEndOnASignal)
+// (1100 ms has whole seconds and a rest) with the mutex held. Two threads then
+// hand a turn back and forth, signalling with and without the mutex held: no
+// hand-off is lost (a long wait never runs out).
+TEST(SystemTest, CondVarWaitsLastTheirTimeoutAndNoHandOffIsLost)
 {
     Mutex mutex;
     CondVar cond;
-    for (const unsigned int timeout : {0u, 30u, 990u})
+    for (const unsigned int timeout : {0u, 30u, 1100u})
     {
         MutexGuard guard(mutex);
         const auto start = steady_clock::now();
@@ -101,25 +102,29 @@ TEST(SystemTest, CondVarTimedWaitsLastTheirTimeoutOrEndOnASignal)
         EXPECT_LE(std::chrono::milliseconds(timeout), steady_clock::now() - start);
         EXPECT_FALSE(freeForOthers(mutex));
     }
-    bool waiting = false;
-    bool go = false;
-    std::thread waiter([&] {
-        MutexGuard guard(mutex);
-        for (waiting = true; !go;)
+    const auto patience = static_cast<unsigned int>(qor::test::scaled(std::chrono::seconds(20)).count());
+    int turn = 0;
+    bool lost = false;
+    const auto player = [&](int me) {
+        for (int round = 0; round < 3000; ++round)
         {
-            EXPECT_TRUE(cond.wait(mutex, 60000)) << "a woken timed wait reports the signal";
+            MutexGuard guard(mutex);
+            while (turn != me && !lost)
+            {
+                lost = !cond.wait(mutex, patience);
+            }
+            turn = 1 - me;
+            if (round % 2 == me)
+            {
+                guard.unlock();
+            }
+            cond.signal();
         }
-    });
-    // The waiter releases the mutex only inside wait().
-    ASSERT_TRUE(qor::test::waitUntil([&] {
-        MutexGuard guard(mutex);
-        return waiting;
-    }));
-    MutexGuard guard(mutex);
-    go = true;
-    cond.broadcast();
-    guard.unlock();
-    waiter.join();
+    };
+    std::thread other(player, 1);
+    player(0);
+    other.join();
+    EXPECT_FALSE(lost);
 }
 
 std::string osName()

@@ -14,7 +14,6 @@ namespace qor::nav::sdk::utils::memory {
 
 using common::logging::Logger;
 using common::logging::LogLevel;
-using common::system::Mutex;
 using common::system::MutexGuard;
 using allocator::policy::AllocationStatistics;
 
@@ -23,21 +22,6 @@ namespace {
 constexpr unsigned s_ChunkShift = 12; // chunks of 4,096 bytes
 constexpr unsigned long s_InstanceLimitInBytes = 536870912UL; // 512 MiB
 constexpr std::uint64_t s_Never = std::numeric_limits<std::uint64_t>::max();
-
-// Holds the chunk mutex: MutexGuard without its bookkeeping for an early
-// unlock, which the chunk operations never need, so that each of them costs
-// one call into the mutex to lock and one to unlock.
-class ChunkLock
-{
-public:
-    explicit ChunkLock(Mutex& mutex) : m_Mutex(mutex) { m_Mutex.lock(Mutex::Wait); }
-    ~ChunkLock() { m_Mutex.unlock(); }
-    ChunkLock(const ChunkLock&) = delete;
-    ChunkLock& operator=(const ChunkLock&) = delete;
-
-private:
-    Mutex& m_Mutex;
-};
 
 // static_cast<float>(count) for the counts of a budget (below 2^52, so the
 // signed conversion gives the same result). On x86 the conversion writes
@@ -173,7 +157,7 @@ void MemoryManager::updateChunks(std::ptrdiff_t difference)
 
 bool MemoryManager::requestChunks(unsigned long count)
 {
-    ChunkLock lock(m_ChunkMutex);
+    MutexGuard guard(m_ChunkMutex);
     if (m_AvailableChunks < count)
     {
         return false;
@@ -190,7 +174,7 @@ bool MemoryManager::requestChunks(unsigned long count)
 
 void MemoryManager::returnChunks(unsigned long count)
 {
-    ChunkLock lock(m_ChunkMutex);
+    MutexGuard guard(m_ChunkMutex);
     updateChunks(static_cast<std::ptrdiff_t>(count));
 }
 
