@@ -89,6 +89,9 @@ private:
     struct AdoptTag {};
     Thread(AdoptTag, const std::string& name, std::uint64_t id);
     static void* threadMain(void* self);
+    // The handle of a started thread of our own that nobody joined yet;
+    // `claim` marks it joined. False for an adopted thread.
+    bool unjoinedHandle(pthread_t& handle, bool claim);
 
     std::string m_Name;
     Runnable* m_Runnable;

@@ -2,10 +2,10 @@
 
 #include "qor/common/system/CurrentThreadId.h"
 
-#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <map>
 #include <mutex>
@@ -16,9 +16,8 @@ namespace {
 
 std::uint64_t wallClockMicros() noexcept
 {
-    timespec ts{};
-    ::clock_gettime(CLOCK_REALTIME, &ts);
-    return static_cast<std::uint64_t>(ts.tv_sec) * 1000000u + static_cast<std::uint64_t>(ts.tv_nsec) / 1000u;
+    using namespace std::chrono;
+    return static_cast<std::uint64_t>(duration_cast<microseconds>(system_clock::now().time_since_epoch()).count());
 }
 
 // Writes all of `data` to standard error, retrying short writes.

@@ -86,19 +86,10 @@ Thread::~Thread()
         t_Current = nullptr;
         t_SelfDestroyed = true;
     }
-    if (m_Adopted)
+    pthread_t handle;
+    if (!unjoinedHandle(handle, true))
     {
         return;
-    }
-    pthread_t handle;
-    {
-        MutexGuard guard(m_Mutex);
-        if (!m_Started || m_Joined)
-        {
-            return;
-        }
-        handle = m_Handle;
-        m_Joined = true;
     }
     if (::pthread_equal(handle, ::pthread_self()))
     {
@@ -155,20 +146,28 @@ void Thread::start()
     m_Started = true;
 }
 
-void Thread::join()
+bool Thread::unjoinedHandle(pthread_t& handle, bool claim)
 {
     if (m_Adopted)
     {
-        return;
+        return false;
     }
-    pthread_t handle;
+    MutexGuard guard(m_Mutex);
+    if (!m_Started || m_Joined)
     {
-        MutexGuard guard(m_Mutex);
-        if (!m_Started || m_Joined)
-        {
-            return;
-        }
-        handle = m_Handle;
+        return false;
+    }
+    handle = m_Handle;
+    m_Joined = claim;
+    return true;
+}
+
+void Thread::join()
+{
+    pthread_t handle;
+    if (!unjoinedHandle(handle, false))
+    {
+        return;
     }
     // A thread joining itself returns at once; checked before m_JoinMutex so
     // that it cannot block behind another joiner that waits for it.

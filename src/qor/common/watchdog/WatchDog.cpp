@@ -3,10 +3,10 @@
 #include "qor/common/logging/Logger.h"
 
 #include <pthread.h>
-#include <time.h>
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <limits>
 #include <mutex>
@@ -19,9 +19,8 @@ namespace {
 
 std::uint64_t nowMillis() noexcept
 {
-    timespec ts{};
-    ::clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<std::uint64_t>(ts.tv_sec) * 1000u + static_cast<std::uint64_t>(ts.tv_nsec) / 1000000u;
+    using namespace std::chrono;
+    return static_cast<std::uint64_t>(duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count());
 }
 
 constexpr std::uint64_t kNever = std::numeric_limits<std::uint64_t>::max();
