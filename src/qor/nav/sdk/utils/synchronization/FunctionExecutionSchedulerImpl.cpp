@@ -183,7 +183,10 @@ void FunctionExecutionSchedulerImpl::executeFunction(FunctionExecution execution
         {
             execution.function->execute();
         }
-        const std::uint32_t end = Clock::getTickCounter();
+        // The run time matters only to a periodic record and to the duration
+        // line: the second reading of the clock is saved when neither needs it.
+        const bool measured = execution.period != 0 || m_logger.isEnabled(LogLevel::Info);
+        const std::uint32_t end = measured ? Clock::getTickCounter() : start;
         const std::uint32_t elapsed = end - start; // right across a wrap of the counter too
         m_logger << LogLevel::Trace << "execute functionExecution " << name << " finished" << std::endl;
         if (elapsed >= kSlowExecutionMs)
