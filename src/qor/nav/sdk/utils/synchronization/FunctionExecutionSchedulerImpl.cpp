@@ -4,6 +4,7 @@
 #include "qor/common/logging/LogLevel.h"
 #include "qor/common/system/Clock.h"
 
+#include <algorithm>
 #include <exception>
 #include <utility>
 
@@ -198,11 +199,7 @@ void FunctionExecutionSchedulerImpl::executeFunction(FunctionExecution execution
             // Start to start: the run time counts against the period. Read as
             // signed, so an overrun (or a period of 2^31 ms or more that the run
             // time does not bring below 2^31) gives delay 0.
-            std::int32_t delay = static_cast<std::int32_t>(execution.period - elapsed);
-            if (delay < 0)
-            {
-                delay = 0;
-            }
+            const std::int32_t delay = std::max<std::int32_t>(0, static_cast<std::int32_t>(execution.period - elapsed));
             rescheduleFunctionExecution(execution, Duration(static_cast<long>(delay)));
         }
     }
