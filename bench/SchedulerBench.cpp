@@ -7,15 +7,24 @@
 //     write instead (the watchdog's per-run bookkeeping).
 //
 // Figures:
-//   scheduler/immediate-1producer   functions scheduled from one thread and run
-//                                   to completion (items/s = functions per second);
-//                                   the Asio handler owns a share of the same
-//                                   Function and calls execute(), as a queued
-//                                   record does
+//   scheduler/immediate-1producer   one Function scheduled again and again from
+//                                   one thread, each run to completion (items/s
+//                                   = functions per second); the Asio handler
+//                                   shares the same Function and calls
+//                                   execute(), as a queued record does
 //   scheduler/immediate-2producers  the same from two threads at once
-//   scheduler/arm-10000-random      time to arm 10,000 delayed functions with
-//                                   random delays of 0-1000 ms on a running worker
+//   scheduler/immediate-new-function-1producer, -2producers
+//                                   what users write: a new Function
+//                                   (std::make_shared) per task against Asio
+//                                   post() of a small lambda
+//   scheduler/arm-10000-random      time to arm 10,000 delayed runs of one
+//                                   Function with random delays of 0-1000 ms on a
+//                                   running worker, against steady_timers made
+//                                   beforehand
 //   scheduler/arm-10000-equal       the same with equal delays (periodic work)
+//   scheduler/arm-10000-random-new-function
+//                                   a new Function per timer against a new
+//                                   steady_timer per timer
 //   scheduler/lateness              how late due functions start, from the
 //                                   start of the millisecond tick they are due
 //                                   at (counters p50_us, p99_us, max_us, and
@@ -48,6 +57,7 @@
 #include <memory>
 #include <mutex>
 #include <random>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -247,54 +257,61 @@ void setWallClockRate(benchmark::State& state, std::chrono::steady_clock::time_p
 
 // --- immediate work -------------------------------------------------------
 
-void immediateOurs(benchmark::State& state, int producers)
+// Items per second of `post()` calls, kBatch per iteration shared by
+// `producers` threads, each run to completion (counted by `completion`).
+template <typename Post>
+void runImmediate(benchmark::State& state, int producers, Completion& completion, const Post& post)
+{
+    ProducerTeam team(producers);
+    const std::uint64_t share = kBatch / static_cast<std::uint64_t>(producers);
+    const std::uint64_t total = share * static_cast<std::uint64_t>(producers);
+    const std::function<void(int)> job = [&](int) {
+        for (std::uint64_t i = 0; i < share; ++i)
+        {
+            post();
+        }
+    };
+    const auto start = std::chrono::steady_clock::now();
+    for (auto _ : state)
+    {
+        completion.arm(total);
+        team.run(job);
+        completion.wait();
+    }
+    setWallClockRate(state, start, state.iterations() * total);
+}
+
+// `newFunction`: what users write, a new Function per task; otherwise one
+// Function scheduled again and again.
+void immediateOurs(benchmark::State& state, int producers, bool newFunction)
 {
     Completion completion;
     const Function::shared_ptr function = std::make_shared<CountingFunction>(completion);
     FunctionExecutionScheduler scheduler("benchImmediate", kWatchdogLimitMs, 0);
     scheduler.start();
-    ProducerTeam team(producers);
-    const std::uint64_t share = kBatch / static_cast<std::uint64_t>(producers);
-    const std::function<void(int)> job = [&](int) {
-        for (std::uint64_t i = 0; i < share; ++i)
-        {
-            scheduler.scheduleExecutionImmediately(function);
-        }
-    };
-    const auto start = std::chrono::steady_clock::now();
-    for (auto _ : state)
-    {
-        completion.arm(share * static_cast<std::uint64_t>(producers));
-        team.run(job);
-        completion.wait();
-    }
-    setWallClockRate(state, start, state.iterations() * share * static_cast<std::uint64_t>(producers));
+    runImmediate(state, producers, completion, [&] {
+        scheduler.scheduleExecutionImmediately(newFunction ? std::make_shared<CountingFunction>(completion) : function);
+    });
 }
 
-void immediateAnchor(benchmark::State& state, int producers)
+// `newFunction`: what Asio users write, a small lambda; otherwise a handler
+// that shares one Function and calls it through its interface, as a queued
+// record does.
+void immediateAnchor(benchmark::State& state, int producers, bool newFunction)
 {
     Completion completion;
     const Function::shared_ptr function = std::make_shared<CountingFunction>(completion);
     AsioWorker worker;
-    ProducerTeam team(producers);
-    const std::uint64_t share = kBatch / static_cast<std::uint64_t>(producers);
-    // The same work with the same ownership as a scheduled Function: the
-    // queued handler shares the function object and calls it through its
-    // interface.
-    const std::function<void(int)> job = [&](int) {
-        for (std::uint64_t i = 0; i < share; ++i)
+    runImmediate(state, producers, completion, [&] {
+        if (newFunction)
+        {
+            boost::asio::post(worker.io(), [&completion] { completion.done(); });
+        }
+        else
         {
             boost::asio::post(worker.io(), [function] { function->execute(); });
         }
-    };
-    const auto start = std::chrono::steady_clock::now();
-    for (auto _ : state)
-    {
-        completion.arm(share * static_cast<std::uint64_t>(producers));
-        team.run(job);
-        completion.wait();
-    }
-    setWallClockRate(state, start, state.iterations() * share * static_cast<std::uint64_t>(producers));
+    });
 }
 
 // --- arming delayed work --------------------------------------------------
@@ -316,50 +333,74 @@ std::vector<long> armingDelays(bool random)
     return delays;
 }
 
-void armOurs(benchmark::State& state, bool random)
+// Times arm(i, delay) for every delay; setUp() before and tearDown() after
+// each round are not timed.
+template <typename SetUp, typename Arm, typename TearDown>
+void runArming(benchmark::State& state, bool random, const SetUp& setUp, const Arm& arm, const TearDown& tearDown)
 {
     const std::vector<long> delays = armingDelays(random);
-    const Function::shared_ptr function = std::make_shared<NoopFunction>();
     for (auto _ : state)
     {
         state.PauseTiming();
-        auto scheduler = std::make_unique<FunctionExecutionScheduler>("benchArming", kWatchdogLimitMs, 0);
-        scheduler->start();
+        setUp();
         state.ResumeTiming();
-        for (const long delay : delays)
+        for (std::size_t i = 0; i < delays.size(); ++i)
         {
-            scheduler->scheduleExecutionLater(function, Duration(delay));
+            arm(i, delays[i]);
         }
         state.PauseTiming();
-        scheduler.reset(); // drops what is still queued
+        tearDown();
         state.ResumeTiming();
     }
 }
 
-void armAnchor(benchmark::State& state, bool random)
+// `newFunction`: a new Function per timer; otherwise one for all.
+void armOurs(benchmark::State& state, bool random, bool newFunction)
 {
-    const std::vector<long> delays = armingDelays(random);
-    for (auto _ : state)
-    {
-        state.PauseTiming();
-        auto worker = std::make_unique<AsioWorker>();
-        std::vector<std::unique_ptr<boost::asio::steady_timer>> timers;
-        timers.reserve(kArmed);
-        for (std::size_t i = 0; i < kArmed; ++i)
-        {
-            timers.push_back(std::make_unique<boost::asio::steady_timer>(worker->io()));
-        }
-        state.ResumeTiming();
-        for (std::size_t i = 0; i < kArmed; ++i)
-        {
-            timers[i]->expires_after(std::chrono::milliseconds(delays[i]));
+    const Function::shared_ptr function = std::make_shared<NoopFunction>();
+    std::unique_ptr<FunctionExecutionScheduler> scheduler;
+    runArming(
+        state, random,
+        [&] {
+            scheduler = std::make_unique<FunctionExecutionScheduler>("benchArming", kWatchdogLimitMs, 0);
+            scheduler->start();
+        },
+        [&](std::size_t, long delay) {
+            scheduler->scheduleExecutionLater(newFunction ? std::make_shared<NoopFunction>() : function,
+                                              Duration(delay));
+        },
+        [&] { scheduler.reset(); }); // drops what is still queued
+}
+
+// `newTimer`: a steady_timer made per timer, owned by its handler; otherwise
+// timers made beforehand and only armed in the timed part.
+void armAnchor(benchmark::State& state, bool random, bool newTimer)
+{
+    std::unique_ptr<AsioWorker> worker;
+    std::vector<std::unique_ptr<boost::asio::steady_timer>> timers;
+    runArming(
+        state, random,
+        [&] {
+            worker = std::make_unique<AsioWorker>();
+            for (std::size_t i = 0; i < (newTimer ? 0 : kArmed); ++i)
+            {
+                timers.push_back(std::make_unique<boost::asio::steady_timer>(worker->io()));
+            }
+        },
+        [&](std::size_t i, long delay) {
+            if (newTimer)
+            {
+                auto timer = std::make_shared<boost::asio::steady_timer>(worker->io(), std::chrono::milliseconds(delay));
+                timer->async_wait([timer](const boost::system::error_code&) {});
+                return;
+            }
+            timers[i]->expires_after(std::chrono::milliseconds(delay));
             timers[i]->async_wait([](const boost::system::error_code&) {});
-        }
-        state.PauseTiming();
-        worker.reset();
-        timers.clear();
-        state.ResumeTiming();
-    }
+        },
+        [&] {
+            timers.clear();
+            worker.reset();
+        });
 }
 
 // --- lateness of due work -------------------------------------------------
@@ -510,18 +551,32 @@ void watchdogPerRunAnchor(benchmark::State& state)
 
 void registerAll()
 {
-    benchmark::RegisterBenchmark("scheduler/immediate-1producer:ours", immediateOurs, 1);
-    benchmark::RegisterBenchmark("scheduler/immediate-1producer:anchor", immediateAnchor, 1);
-    benchmark::RegisterBenchmark("scheduler/immediate-2producers:ours", immediateOurs, 2);
-    benchmark::RegisterBenchmark("scheduler/immediate-2producers:anchor", immediateAnchor, 2);
-    benchmark::RegisterBenchmark("scheduler/arm-10000-random:ours", armOurs, true)
-        ->Unit(benchmark::kMillisecond);
-    benchmark::RegisterBenchmark("scheduler/arm-10000-random:anchor", armAnchor, true)
-        ->Unit(benchmark::kMillisecond);
-    benchmark::RegisterBenchmark("scheduler/arm-10000-equal:ours", armOurs, false)
-        ->Unit(benchmark::kMillisecond);
-    benchmark::RegisterBenchmark("scheduler/arm-10000-equal:anchor", armAnchor, false)
-        ->Unit(benchmark::kMillisecond);
+    for (const bool newFunction : {false, true})
+    {
+        for (const int producers : {1, 2})
+        {
+            const std::string figure = std::string("scheduler/immediate-") + (newFunction ? "new-function-" : "") +
+                                       std::to_string(producers) + (producers == 1 ? "producer" : "producers");
+            benchmark::RegisterBenchmark((figure + ":ours").c_str(), immediateOurs, producers, newFunction);
+            benchmark::RegisterBenchmark((figure + ":anchor").c_str(), immediateAnchor, producers, newFunction);
+        }
+    }
+    struct Arming
+    {
+        const char* figure;
+        bool random;
+        bool newFunction;
+    };
+    for (const Arming& arming : {Arming{"scheduler/arm-10000-random", true, false},
+                                 Arming{"scheduler/arm-10000-equal", false, false},
+                                 Arming{"scheduler/arm-10000-random-new-function", true, true}})
+    {
+        const std::string figure = arming.figure;
+        benchmark::RegisterBenchmark((figure + ":ours").c_str(), armOurs, arming.random, arming.newFunction)
+            ->Unit(benchmark::kMillisecond);
+        benchmark::RegisterBenchmark((figure + ":anchor").c_str(), armAnchor, arming.random, arming.newFunction)
+            ->Unit(benchmark::kMillisecond);
+    }
     benchmark::RegisterBenchmark("scheduler/lateness:ours", latenessOurs)
         ->Unit(benchmark::kMillisecond);
     benchmark::RegisterBenchmark("logger/disabled-record:ours", disabledLogRecord);

@@ -25,8 +25,10 @@
 
 #include "qor/nav/sdk/utils/synchronization/Strategy.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <list>
+#include <vector>
 
 namespace qor::nav::sdk::utils::synchronization {
 
@@ -93,34 +95,38 @@ public:
 
 private:
     using HolderList = std::list<FunctionExecutionHolder>;
+    // A sampled position of the timed queue and the due tick of its record.
+    struct Finger
+    {
+        std::uint32_t dueTime;
+        HolderList::iterator node;
+    };
 
-    // Where a new timed record with `dueTime` goes: in front of the first
-    // record that is not earlier, or at the end. `startsTailRun` tells whether
-    // the new record becomes the first of the equal ticks that end the queue.
-    HolderList::iterator timedInsertPosition(std::uint32_t dueTime, bool& startsTailRun);
-    // Keeps the search aids right when the timed record at `position` is about to go.
-    void forgetTimed(HolderList::iterator position);
+    // Where the front walk puts a new timed record with `dueTime`; see the
+    // definition for why the fingers do not change the answer.
+    HolderList::iterator timedInsertPosition(std::uint32_t dueTime);
+    // Samples every m_FingerStride-th record of the timed queue afresh.
+    void sampleFingers();
     // Puts a holder {functionExecution, dueTime} into `list` before `position`,
     // reusing a spare node when there is one.
     HolderList::iterator placeHolder(HolderList& list, HolderList::iterator position,
                                      const FunctionExecution& functionExecution, std::uint32_t dueTime);
-    // Removes the first holder of `list`, whose record has been moved out,
-    // keeping its node for reuse while there are few spares.
-    void retireFront(HolderList& list) noexcept;
+    // Removes the first holder of `list` and returns its record; the node is
+    // kept for reuse while there are few spares.
+    FunctionExecution takeFront(HolderList& list);
 
     HolderList m_UntimedFunctionExecutions;
     HolderList m_TimedFunctionExecutions;
     bool m_PreferUntimed;
 
-    // Search aids for timed insertion; they never change the order. While
-    // every due tick of the timed queue lies within 2^31 ms of every other
-    // one, comparing ticks is a consistent order, the queue is sorted by it
-    // and a search may start from either end; m_TimedTailRun then points at
-    // the first record of the run of equal due ticks that ends the queue, so
-    // periodic work (due after everything queued) goes in without a search.
-    // Otherwise the queue is searched from the front until it runs empty.
-    bool m_TimedWithinHalfRange;
-    HolderList::iterator m_TimedTailRun;
+    // The search aid for timed insertion. While m_TimedSorted holds, fingers
+    // from m_FirstFinger on point at records of the timed queue in queue
+    // order (fingers before it went with the front); at most kMaxFingers of
+    // them, allocated once, resampled when a walk from them gets long.
+    bool m_TimedSorted;
+    std::vector<Finger> m_Fingers;
+    std::size_t m_FirstFinger;
+    std::size_t m_FingerStride;
 
     // Nodes of handed-out records, empty, kept for the next records (at most
     // 1,024). None holds a Function.

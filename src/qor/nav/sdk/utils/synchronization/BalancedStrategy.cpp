@@ -4,8 +4,7 @@
 #include "qor/common/system/Clock.h"
 #include "qor/common/types/Boolean.h"
 
-#include <cstddef>
-#include <cstdint>
+#include <algorithm>
 #include <iterator>
 
 namespace qor::nav::sdk::utils::synchronization {
@@ -23,6 +22,10 @@ constexpr std::uint32_t kHalfRange = 0x80000000u;
 // a burst: about 64 KiB of empty nodes.
 constexpr std::size_t kMaxSpareHolders = 1024;
 
+// Fingers into the timed queue: 4 KiB, so a walk from the nearest one covers
+// about 1/256 of the queue.
+constexpr std::size_t kMaxFingers = 256;
+
 // Tick `a` is not earlier than tick `b` when their 32-bit difference is below
 // 2^31; this keeps the order right across the counter's wrap.
 bool notEarlier(std::uint32_t a, std::uint32_t b)
@@ -33,8 +36,8 @@ bool notEarlier(std::uint32_t a, std::uint32_t b)
 } // namespace
 
 BalancedStrategy::BalancedStrategy()
-    : m_UntimedFunctionExecutions(), m_TimedFunctionExecutions(), m_PreferUntimed(false),
-      m_TimedWithinHalfRange(true), m_TimedTailRun(m_TimedFunctionExecutions.end())
+    : m_UntimedFunctionExecutions(), m_TimedFunctionExecutions(), m_PreferUntimed(false), m_TimedSorted(true),
+      m_Fingers(), m_FirstFinger(0), m_FingerStride(0)
 {
 }
 
@@ -53,99 +56,84 @@ void BalancedStrategy::addFunctionExecution(const FunctionExecution& functionExe
 
 void BalancedStrategy::addFunctionExecution(const FunctionExecution& functionExecution, const Duration& delay)
 {
-    const std::uint32_t now = Clock::getTickCounter();
     // Only the low 32 bits of the delay count: small negative delays land in
     // the past (due at once), delays of 2^31 ms or more wrap.
-    const std::uint32_t dueTime = now + static_cast<std::uint32_t>(delay.getValue());
-
-    bool startsTailRun = false;
-    const HolderList::iterator position = timedInsertPosition(dueTime, startsTailRun);
-    const HolderList::iterator inserted =
-        placeHolder(m_TimedFunctionExecutions, position, functionExecution, dueTime);
-    if (startsTailRun)
-    {
-        m_TimedTailRun = inserted;
-    }
+    const std::uint32_t dueTime = Clock::getTickCounter() + static_cast<std::uint32_t>(delay.getValue());
+    placeHolder(m_TimedFunctionExecutions, timedInsertPosition(dueTime), functionExecution, dueTime);
 }
 
-BalancedStrategy::HolderList::iterator BalancedStrategy::timedInsertPosition(std::uint32_t dueTime,
-                                                                             bool& startsTailRun)
+// The order is that of the front walk: the new record goes in front of the
+// first record that is not earlier (so among equal ticks the newest comes
+// first), or at the end. The walk tests one predicate, notEarlier(record,
+// dueTime). While every tick of the queue and the new tick lie within 2^31 ms
+// of the queue's first tick (m_TimedSorted, kept since the queue was last
+// empty), that predicate is the plain comparison of distances from the first
+// tick, every insertion so far has kept the queue sorted by it, and so it is
+// false up to one record and true from there on. Then the walk may start at
+// any record where it is false, without changing where it stops: after the
+// last finger where it is false (a binary search over the fingers, which are
+// queue records in queue order), or nowhere when it is false at the last
+// record. Otherwise the walk starts at the front.
+BalancedStrategy::HolderList::iterator BalancedStrategy::timedInsertPosition(std::uint32_t dueTime)
 {
     HolderList& timed = m_TimedFunctionExecutions;
-    startsTailRun = false;
     if (timed.empty())
     {
-        m_TimedWithinHalfRange = true;
-        startsTailRun = true;
+        m_TimedSorted = true;
+        m_Fingers.clear();
+        m_FirstFinger = 0;
         return timed.end();
     }
     const std::uint32_t first = timed.front().dueTime;
     const std::uint32_t last = timed.back().dueTime;
-    if (m_TimedWithinHalfRange)
+    // Within half the range: the new tick lies inside [first, last] or
+    // extends it at one end to less than 2^31.
+    const std::uint32_t offset = dueTime - first;
+    m_TimedSorted = m_TimedSorted && (offset <= static_cast<std::uint32_t>(last - first) || offset < kHalfRange ||
+                                      static_cast<std::uint32_t>(last - dueTime) < kHalfRange);
+    HolderList::iterator position = timed.begin();
+    if (m_TimedSorted)
     {
-        // The queue's ticks span [first, last], less than 2^31 long. The new
-        // tick keeps the span below 2^31 when it lies inside it or extends it
-        // at one end to less than 2^31.
-        const std::uint32_t span = last - first;
-        const std::uint32_t offset = dueTime - first;
-        m_TimedWithinHalfRange = offset <= span || offset < kHalfRange ||
-                                 static_cast<std::uint32_t>(last - dueTime) < kHalfRange;
-        if (!m_TimedWithinHalfRange)
+        if (!notEarlier(last, dueTime))
         {
-            m_TimedTailRun = timed.end();
+            return timed.end();
+        }
+        const auto from = m_Fingers.begin() + static_cast<std::ptrdiff_t>(m_FirstFinger);
+        const auto after = std::partition_point(
+            from, m_Fingers.end(), [dueTime](const Finger& finger) { return !notEarlier(finger.dueTime, dueTime); });
+        if (after != from)
+        {
+            position = std::prev(after)->node;
         }
     }
-    if (!m_TimedWithinHalfRange)
+    std::size_t steps = 0;
+    for (; position != timed.end() && !notEarlier(position->dueTime, dueTime); ++position)
     {
-        // In front of the first record that is not earlier: among equal due
-        // ticks the newest record comes first.
-        auto position = timed.begin();
-        while (position != timed.end() && !notEarlier(position->dueTime, dueTime))
-        {
-            ++position;
-        }
-        return position;
+        ++steps;
     }
-    if (m_TimedTailRun == timed.end())
+    if (m_TimedSorted && steps > 2 * m_FingerStride + 8)
     {
-        // The run at the end was removed from under its first record: find
-        // the new one (the records at the end with the last tick).
-        m_TimedTailRun = timed.end();
-        while (m_TimedTailRun != timed.begin() && std::prev(m_TimedTailRun)->dueTime == last)
-        {
-            --m_TimedTailRun;
-        }
-    }
-    if (dueTime == last)
-    {
-        // In front of the equal ticks at the end, as the newest of them.
-        startsTailRun = true;
-        return m_TimedTailRun;
-    }
-    if (notEarlier(dueTime, last))
-    {
-        startsTailRun = true;
-        return timed.end();
-    }
-    // Strictly before the run at the end: search from the nearer end. Both
-    // searches find the first record that is not earlier than the new one.
-    const std::int32_t fromFirst = static_cast<std::int32_t>(dueTime - first);
-    const std::int32_t toLast = static_cast<std::int32_t>(last - dueTime);
-    if (fromFirst < toLast)
-    {
-        auto position = timed.begin();
-        while (!notEarlier(position->dueTime, dueTime))
-        {
-            ++position;
-        }
-        return position;
-    }
-    auto position = m_TimedTailRun;
-    while (position != timed.begin() && notEarlier(std::prev(position)->dueTime, dueTime))
-    {
-        --position;
+        sampleFingers();
     }
     return position;
+}
+
+void BalancedStrategy::sampleFingers()
+{
+    // ceil(size / stride) <= kMaxFingers: the vector never grows past its
+    // first allocation.
+    m_FingerStride = (m_TimedFunctionExecutions.size() + kMaxFingers - 1) / kMaxFingers;
+    m_Fingers.reserve(kMaxFingers);
+    m_Fingers.clear();
+    m_FirstFinger = 0;
+    std::size_t index = 0;
+    for (auto node = m_TimedFunctionExecutions.begin(); node != m_TimedFunctionExecutions.end(); ++node, ++index)
+    {
+        if (index % m_FingerStride == 0)
+        {
+            m_Fingers.push_back(Finger{node->dueTime, node});
+        }
+    }
 }
 
 BalancedStrategy::HolderList::iterator BalancedStrategy::placeHolder(HolderList& list, HolderList::iterator position,
@@ -165,46 +153,45 @@ BalancedStrategy::HolderList::iterator BalancedStrategy::placeHolder(HolderList&
     return node;
 }
 
-void BalancedStrategy::retireFront(HolderList& list) noexcept
+FunctionExecution BalancedStrategy::takeFront(HolderList& list)
 {
-    if (m_SpareHolders.size() >= kMaxSpareHolders)
+    if (list.empty())
+    {
+        throw IllegalStateException("Queue is empty", nullptr, Boolean(false));
+    }
+    if (&list == &m_TimedFunctionExecutions && m_FirstFinger < m_Fingers.size() &&
+        m_Fingers[m_FirstFinger].node == list.begin())
+    {
+        ++m_FirstFinger;
+    }
+    // Moving out leaves the node without a Function reference.
+    FunctionExecution result = std::move(list.front().functionExecution);
+    if (m_SpareHolders.size() < kMaxSpareHolders)
+    {
+        m_SpareHolders.splice(m_SpareHolders.begin(), list, list.begin());
+    }
+    else
     {
         list.pop_front();
-        return;
     }
-    // The record has been moved out; drop what is left of it (its Function
-    // reference, if any) before the node waits for reuse.
-    list.front().functionExecution = FunctionExecution();
-    m_SpareHolders.splice(m_SpareHolders.begin(), list, list.begin());
-}
-
-void BalancedStrategy::forgetTimed(HolderList::iterator position)
-{
-    if (m_TimedWithinHalfRange && position == m_TimedTailRun)
-    {
-        // What follows in the run has the same tick; if nothing does, the
-        // end is marked unknown and found again by the next insertion.
-        ++m_TimedTailRun;
-    }
+    return result;
 }
 
 void BalancedStrategy::removeFunctionExecution(const FunctionExecutionId& id)
 {
     // A copy: `id` may refer into a record that is about to be destroyed.
     const FunctionExecutionId wanted = id;
-    m_UntimedFunctionExecutions.remove_if(
-        [&wanted](const FunctionExecutionHolder& holder) { return holder.functionExecution.id == wanted; });
-    for (auto position = m_TimedFunctionExecutions.begin(); position != m_TimedFunctionExecutions.end();)
+    const auto matches = [&wanted](const FunctionExecutionHolder& holder) {
+        return holder.functionExecution.id == wanted;
+    };
+    m_UntimedFunctionExecutions.remove_if(matches);
+    const std::size_t before = m_TimedFunctionExecutions.size();
+    m_TimedFunctionExecutions.remove_if(matches);
+    if (m_TimedFunctionExecutions.size() != before)
     {
-        if (position->functionExecution.id == wanted)
-        {
-            forgetTimed(position);
-            position = m_TimedFunctionExecutions.erase(position);
-        }
-        else
-        {
-            ++position;
-        }
+        // Fingers may point at removed records: resampled when needed.
+        m_Fingers.clear();
+        m_FirstFinger = 0;
     }
 }
 
@@ -216,39 +203,17 @@ bool BalancedStrategy::hasPendingFunctionExecutions() const
 
 FunctionExecution BalancedStrategy::getNextFunctionExecution()
 {
-    FunctionExecution result;
     // One reading serves both tests; without timed records nothing needs it.
     const unsigned int now = m_TimedFunctionExecutions.empty() ? 0u : Clock::getTickCounter();
-    if (!m_PreferUntimed)
+    const bool timed = hasPendingTimedFunctionExecution(now);
+    const bool untimed = hasPendingUntimedFunctionExecution(now);
+    if (!timed && !untimed)
     {
-        if (hasPendingTimedFunctionExecution(now))
-        {
-            result = getNextTimedFunctionExecution();
-        }
-        else if (hasPendingUntimedFunctionExecution(now))
-        {
-            result = getNextUntimedFunctionExecution();
-        }
-        else
-        {
-            throw IllegalStateException("No pending functionExecutions", nullptr, Boolean(false));
-        }
+        throw IllegalStateException("No pending functionExecutions", nullptr, Boolean(false));
     }
-    else
-    {
-        if (hasPendingUntimedFunctionExecution(now))
-        {
-            result = getNextUntimedFunctionExecution();
-        }
-        else if (hasPendingTimedFunctionExecution(now))
-        {
-            result = getNextTimedFunctionExecution();
-        }
-        else
-        {
-            throw IllegalStateException("No pending functionExecutions", nullptr, Boolean(false));
-        }
-    }
+    // The preferred queue when it has something, else the other one.
+    FunctionExecution result = timed && (!m_PreferUntimed || !untimed) ? getNextTimedFunctionExecution()
+                                                                       : getNextUntimedFunctionExecution();
     // The order in which the queues are asked alternates, whichever queue
     // supplied this record.
     m_PreferUntimed = !m_PreferUntimed;
@@ -257,21 +222,13 @@ FunctionExecution BalancedStrategy::getNextFunctionExecution()
 
 unsigned int BalancedStrategy::getTimeToNextFunctionExecution() const
 {
-    if (!m_UntimedFunctionExecutions.empty())
-    {
-        return 0;
-    }
-    if (m_TimedFunctionExecutions.empty())
+    if (!m_UntimedFunctionExecutions.empty() || m_TimedFunctionExecutions.empty())
     {
         return 0;
     }
     const std::uint32_t now = Clock::getTickCounter();
     const std::uint32_t dueTime = m_TimedFunctionExecutions.front().dueTime;
-    if (static_cast<std::int32_t>(now - dueTime) < 0)
-    {
-        return dueTime - now;
-    }
-    return 0;
+    return notEarlier(now, dueTime) ? 0u : dueTime - now;
 }
 
 bool BalancedStrategy::hasPendingTimedFunctionExecution(unsigned int now) const
@@ -286,25 +243,12 @@ bool BalancedStrategy::hasPendingUntimedFunctionExecution(unsigned int /*now*/) 
 
 FunctionExecution BalancedStrategy::getNextTimedFunctionExecution()
 {
-    if (m_TimedFunctionExecutions.empty())
-    {
-        throw IllegalStateException("Queue is empty", nullptr, Boolean(false));
-    }
-    FunctionExecution result = std::move(m_TimedFunctionExecutions.front().functionExecution);
-    forgetTimed(m_TimedFunctionExecutions.begin());
-    retireFront(m_TimedFunctionExecutions);
-    return result;
+    return takeFront(m_TimedFunctionExecutions);
 }
 
 FunctionExecution BalancedStrategy::getNextUntimedFunctionExecution()
 {
-    if (m_UntimedFunctionExecutions.empty())
-    {
-        throw IllegalStateException("Queue is empty", nullptr, Boolean(false));
-    }
-    FunctionExecution result = std::move(m_UntimedFunctionExecutions.front().functionExecution);
-    retireFront(m_UntimedFunctionExecutions);
-    return result;
+    return takeFront(m_UntimedFunctionExecutions);
 }
 
 } // namespace qor::nav::sdk::utils::synchronization

@@ -4,6 +4,7 @@
 #include "qor/common/logging/LogLevel.h"
 #include "qor/common/system/Clock.h"
 
+#include <algorithm>
 #include <exception>
 #include <utility>
 
@@ -183,7 +184,10 @@ void FunctionExecutionSchedulerImpl::executeFunction(FunctionExecution execution
         {
             execution.function->execute();
         }
-        const std::uint32_t end = Clock::getTickCounter();
+        // The run time matters only to a periodic record and to the duration
+        // line: the second reading of the clock is saved when neither needs it.
+        const bool measured = execution.period != 0 || m_logger.isEnabled(LogLevel::Info);
+        const std::uint32_t end = measured ? Clock::getTickCounter() : start;
         const std::uint32_t elapsed = end - start; // right across a wrap of the counter too
         m_logger << LogLevel::Trace << "execute functionExecution " << name << " finished" << std::endl;
         if (elapsed >= kSlowExecutionMs)
@@ -195,11 +199,7 @@ void FunctionExecutionSchedulerImpl::executeFunction(FunctionExecution execution
             // Start to start: the run time counts against the period. Read as
             // signed, so an overrun (or a period of 2^31 ms or more that the run
             // time does not bring below 2^31) gives delay 0.
-            std::int32_t delay = static_cast<std::int32_t>(execution.period - elapsed);
-            if (delay < 0)
-            {
-                delay = 0;
-            }
+            const std::int32_t delay = std::max<std::int32_t>(0, static_cast<std::int32_t>(execution.period - elapsed));
             rescheduleFunctionExecution(execution, Duration(static_cast<long>(delay)));
         }
     }

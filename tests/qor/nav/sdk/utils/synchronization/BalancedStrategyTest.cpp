@@ -70,8 +70,10 @@ TEST(BalancedStrategyTest, FollowsTheQueueModelUnderRandomOperations)
     // Timed delays are k * 2^29 ms less [0, spread) ms and the counter jumps
     // by multiples of 2^29 ms, so whether a record is due cannot change while
     // the test runs. The range of k decides how often the queue spans half the
-    // counter's range or more; a spread of 1 gives many equal ticks.
-    const int phases[][3] = {{0, 1, 1}, {1, 1, 3}, {0, 3, 2000}, {-8, 8, 1}, {-8, 8, 2000}};
+    // counter's range or more; a small spread gives many equal ticks. Extra
+    // timed adds grow long queues, where insertion searches from its fingers.
+    const int phases[][4] = {{0, 1, 1, 0},      {1, 1, 3, 0},       {0, 3, 2000, 0}, {-8, 8, 1, 0},
+                             {-8, 8, 2000, 0}, {1, 1, 40, 999}, {0, 3, 2000, 999}};
     const std::uint32_t probes[] = {0u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu};
     std::uint32_t offset = 0xFFFFFFFFu - 999u - Clock::getTickCounter(); // just before the wrap
     Clock::setTickCounterOffset(offset);
@@ -82,7 +84,8 @@ TEST(BalancedStrategyTest, FollowsTheQueueModelUnderRandomOperations)
         auto strategy = std::make_unique<BalancedStrategy>();
         std::vector<std::weak_ptr<Function>> functions;
         for (int step = 0; step < 5000; ++step) {
-            const unsigned op = random() % 32;
+            const unsigned drawn = random() % (32 + phase[3]);
+            const unsigned op = drawn < 32 ? drawn : 4 + drawn % 8;
             const std::size_t queued = model.untimed.size() + model.timed.size();
             if (op < 12) { // add; now and then with the id of the previous add
                 const unsigned long id = op == 0 && queued != 0 ? nextId - 1 : nextId++;

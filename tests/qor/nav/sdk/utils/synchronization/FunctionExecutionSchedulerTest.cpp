@@ -133,6 +133,8 @@ TEST_F(FunctionExecutionSchedulerTest, PeriodicRecordIsQueuedAgainWithPeriodMinu
         }
     };
     const std::uint32_t cases[][3] = {{50, 30, 20}, {50, 70, 0}, {1u << 31, 0, 0}, {1u << 31, 1, (1u << 31) - 1}};
+    // The delays without any log record enabled, the records afterwards.
+    qor::common::logging::Logger::setDefaultThreshold(qor::common::logging::LogLevel::Warning);
     for (const auto& c : cases) { // period, run time, delay of the next run
         const std::uint32_t due = runFor({FunctionExecutionId(42), nullptr, c[0]}, c[1]) + c[2];
         EXPECT_TRUE(strategy->hasPendingTimedFunctionExecution(due) && !strategy->hasPendingTimedFunctionExecution(due - 1))
@@ -140,6 +142,7 @@ TEST_F(FunctionExecutionSchedulerTest, PeriodicRecordIsQueuedAgainWithPeriodMinu
         const FunctionExecution again = strategy->getNextTimedFunctionExecution();
         EXPECT_EQ(std::make_pair(42ul, c[0]), std::make_pair(again.id.getValue(), again.period));
     }
+    qor::common::logging::Logger::setDefaultThreshold(qor::common::logging::LogLevel::Trace);
     m_Sink->clear();
     runFor({}, 99);
     EXPECT_TRUE(strategy->empty()); // period 0: once
