@@ -117,7 +117,7 @@ TEST(MemoryManagerTest, LogTextsAndListenersNewestFirst)
 {
     MemoryManager& instance = MemoryManager::locateInstance(); // its creation record is not part of this
     Logger::setDefaultThreshold(LogLevel::Trace);
-    auto sink = qor::test::RecordingLogSink::install();
+    qor::test::RecordingLogSink::Installation sink;
     instance.logStatistics(); // no records: not even the heading
     {
         MemoryManager manager(256 * 4096 + 100);
