@@ -1,6 +1,6 @@
 // A log sink that records every record, for tests that check log output.
 //
-//   auto sink = RecordingLogSink::install();   // restores the default sink when destroyed
+//   RecordingLogSink::Installation sink;   // restores the default sink when destroyed
 //   ... code under test ...
 //   EXPECT_TRUE(sink->waitFor([](const LogRecord& r) { return r.text == "started.\n"; }));
 #ifndef QOR_TESTS_SUPPORT_RECORDINGLOGSINK_H
@@ -35,15 +35,10 @@ public:
         Installation(const Installation&) = delete;
         Installation& operator=(const Installation&) = delete;
         RecordingLogSink* operator->() const { return m_Sink.get(); }
-        RecordingLogSink& operator*() const { return *m_Sink; }
 
     private:
         std::shared_ptr<RecordingLogSink> m_Sink;
     };
-
-    // Returned by value (never copied or moved), so that `sink->` reaches the
-    // recording sink directly.
-    static Installation install() { return Installation(); }
 
     void write(const LogRecord& record) override
     {
@@ -65,17 +60,6 @@ public:
         result.erase(std::remove_if(result.begin(), result.end(),
                                     [&](const LogRecord& r) { return r.loggerName != loggerName; }),
                      result.end());
-        return result;
-    }
-
-    // Texts of one logger's records, in arrival order.
-    std::vector<std::string> textsOf(const std::string& loggerName) const
-    {
-        std::vector<std::string> result;
-        for (const LogRecord& r : recordsOf(loggerName))
-        {
-            result.push_back(r.text);
-        }
         return result;
     }
 

@@ -70,8 +70,6 @@ public:
         return m_Zero.wait_for(lock, timeout, [this] { return m_Count == 0; });
     }
 
-    bool isOpen() const { return waitFor(std::chrono::milliseconds(0)); }
-
 private:
     mutable std::mutex m_Mutex;
     mutable std::condition_variable m_Zero;

@@ -61,7 +61,7 @@ struct ThrowingSink : qor::common::logging::ILogSink
 
 TEST(LoggerTest, EnabledRecordsArriveOnceWithTheirFieldsAndDisabledOnesFormatNothing)
 {
-    auto sink = qor::test::RecordingLogSink::install();
+    qor::test::RecordingLogSink::Installation sink;
     const Logger log("qor.test.record");
     ScopedLogger disabled = log << LogLevel::Debug;
     EXPECT_EQ(nullptr, disabled.stream());

@@ -127,13 +127,6 @@ TEST(SystemTest, CondVarWaitsLastTheirTimeoutAndNoHandOffIsLost)
     EXPECT_FALSE(lost);
 }
 
-std::string osName()
-{
-    char name[16] = {};
-    ::pthread_getname_np(::pthread_self(), name, sizeof name);
-    return name;
-}
-
 // Runs a test-supplied body and records what the hooks saw on the new thread.
 class RecordingThread : public Thread
 {
@@ -146,7 +139,9 @@ public:
     void run() override
     {
         const bool current = &getCurrentThread() == this && getId() == static_cast<std::uint64_t>(::gettid());
-        m_Seen += (current ? "run as " : "run,") + osName() + ",";
+        char osName[16] = {};
+        ::pthread_getname_np(::pthread_self(), osName, sizeof osName);
+        m_Seen += (current ? "run as " : "run,") + std::string(osName) + ",";
         m_Body();
     }
     void postExecute() override { m_Seen += "post"; }

@@ -19,7 +19,7 @@ using qor::test::waitUntil;
 // `repeat` ms, each time with the exact record text and the silence so far.
 TEST(WatchDogTest, OnlySilencesAreReportedOnceOrRepeatedlyWithTheirLength)
 {
-    auto sink = qor::test::RecordingLogSink::install();
+    qor::test::RecordingLogSink::Installation sink;
     WatchDog control("ControlWatchdog", 1000, 0);
     WatchDog refreshed("RefreshedWatchdog", 1000, 0);
     WatchDog paused("PausedWatchdog", 1000, 0);
@@ -80,7 +80,7 @@ TEST(WatchDogTest, OnlySilencesAreReportedOnceOrRepeatedlyWithTheirLength)
 // watchdog paused; once the last watchdog is gone, a new one is watched again.
 TEST(WatchDogTest, EachWatchdogKeepsItsPaceWhileOthersComeAndGo)
 {
-    auto sink = qor::test::RecordingLogSink::install();
+    qor::test::RecordingLogSink::Installation sink;
     {
         WatchDog slow("SlowPacedWatchdog", 400000, 0); // looked at every 100 s
         WatchDog quick("QuickWatchdog", 30, 0);

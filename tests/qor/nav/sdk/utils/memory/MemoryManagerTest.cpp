@@ -43,45 +43,6 @@ struct Listener : IMemoryListener
     Heard heard;
 };
 
-// Drives a budget of `maxChunks` chunks (and a partial one, which does not
-// count) to each count in use of `targets` by one request or return, against
-// the thresholds applied in single precision: granted or refused, level,
-// consumption and notifications.
-void walk(std::uint64_t maxChunks, const std::vector<std::uint64_t>& targets)
-{
-    static const float rising[] = {0.70f, 0.89f, 0.98f, 2.0f};
-    static const float falling[] = {-1.0f, 0.65f, 0.85f, 0.95f};
-    MemoryManager manager(static_cast<unsigned long>((maxChunks << 12) + 4095));
-    Listener listener(manager);
-    unsigned level = Normal;
-    std::uint64_t inUse = 0;
-    float consumption = 0.0f; // as last computed: a refused request changes nothing
-    for (const std::uint64_t target : targets) {
-        const bool changes = target < inUse || (level != Critical && target <= maxChunks);
-        if (target < inUse) {
-            manager.returnChunks(static_cast<unsigned long>(inUse - target));
-        } else {
-            ASSERT_EQ(changes, manager.requestChunks(static_cast<unsigned long>(target - inUse)))
-                << maxChunks << " chunks, " << inUse << " -> " << target;
-        }
-        inUse = changes ? target : inUse;
-        consumption = changes ? static_cast<float>(inUse) / static_cast<float>(maxChunks) : consumption;
-        const auto old = static_cast<MemoryStatus>(level);
-        while (consumption > rising[level]) {
-            ++level;
-        }
-        while (consumption < falling[level]) {
-            --level;
-        }
-        const float reported = manager.getMemoryConsumption();
-        ASSERT_TRUE(reported == consumption || (reported != reported && consumption != consumption));
-        ASSERT_EQ(MemoryStatus(level), manager.getMemoryStatus()) << maxChunks << " chunks, " << inUse << " in use";
-        const Heard expected = level == old ? Heard{} : Heard{{MemoryStatus(level), old}};
-        ASSERT_EQ(expected, listener.heard) << maxChunks << " chunks, " << inUse << " in use";
-        listener.heard.clear();
-    }
-}
-
 TEST(MemoryManagerTest, EveryCountInUseGetsTheLevelOfTheThresholdModel)
 {
     // For budgets where the thresholds fall on, next to and between whole
@@ -108,7 +69,40 @@ TEST(MemoryManagerTest, EveryCountInUseGetsTheLevelOfTheThresholdModel)
                 targets.insert(targets.end(), {k, 0, k, maxChunks / 2, maxChunks, k, 0});
             }
         }
-        walk(maxChunks, targets);
+        // Each count in use reached by one request or return, against the
+        // thresholds applied in single precision: granted or refused, level,
+        // consumption and notifications; a partial chunk does not count.
+        static const float rising[] = {0.70f, 0.89f, 0.98f, 2.0f};
+        static const float falling[] = {-1.0f, 0.65f, 0.85f, 0.95f};
+        MemoryManager manager(static_cast<unsigned long>((maxChunks << 12) + 4095));
+        Listener listener(manager);
+        unsigned level = Normal;
+        std::uint64_t inUse = 0;
+        float consumption = 0.0f; // as last computed: a refused request changes nothing
+        for (const std::uint64_t target : targets) {
+            const bool changes = target < inUse || (level != Critical && target <= maxChunks);
+            if (target < inUse) {
+                manager.returnChunks(static_cast<unsigned long>(inUse - target));
+            } else {
+                ASSERT_EQ(changes, manager.requestChunks(static_cast<unsigned long>(target - inUse)))
+                    << maxChunks << " chunks, " << inUse << " -> " << target;
+            }
+            inUse = changes ? target : inUse;
+            consumption = changes ? static_cast<float>(inUse) / static_cast<float>(maxChunks) : consumption;
+            const auto old = static_cast<MemoryStatus>(level);
+            while (consumption > rising[level]) {
+                ++level;
+            }
+            while (consumption < falling[level]) {
+                --level;
+            }
+            const float reported = manager.getMemoryConsumption();
+            ASSERT_TRUE(reported == consumption || (reported != reported && consumption != consumption));
+            ASSERT_EQ(MemoryStatus(level), manager.getMemoryStatus()) << maxChunks << " chunks, " << inUse << " in use";
+            const Heard expected = level == old ? Heard{} : Heard{{MemoryStatus(level), old}};
+            ASSERT_EQ(expected, listener.heard) << maxChunks << " chunks, " << inUse << " in use";
+            listener.heard.clear();
+        }
     }
     Logger::resetThresholds();
 }
@@ -117,7 +111,7 @@ TEST(MemoryManagerTest, LogTextsAndListenersNewestFirst)
 {
     MemoryManager& instance = MemoryManager::locateInstance(); // its creation record is not part of this
     Logger::setDefaultThreshold(LogLevel::Trace);
-    auto sink = qor::test::RecordingLogSink::install();
+    qor::test::RecordingLogSink::Installation sink;
     instance.logStatistics(); // no records: not even the heading
     {
         MemoryManager manager(256 * 4096 + 100);

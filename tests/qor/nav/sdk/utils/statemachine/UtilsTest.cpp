@@ -17,7 +17,7 @@ TEST(UtilsTest, PrintAndLogStateReactWriteTheirFixedTexts)
 
     static Logger log("qor.test.statemachine.Machine");
     Logger::setThreshold("qor.test.statemachine", LogLevel::Trace);
-    auto sink = qor::test::RecordingLogSink::install();
+    qor::test::RecordingLogSink::Installation sink;
     logStateReact(log, "Idle");
     const auto records = sink->records();
     ASSERT_EQ(1u, records.size());
