@@ -12,7 +12,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <fstream>
 #include <random>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -50,10 +53,14 @@ const std::string kEdges("\x00\x7F\x80\x8F\x90\x9F\xA0\xBF\xC0\xC1\xC2\xDF"
 // up to three mutations.
 TEST(UTF8ValidatorTest, ValidatorsAgreeAndRepairHoldsOnRandomInput)
 {
-#ifdef __aarch64__
-    // The validator runs the last path; every AArch64 processor has NEON.
+    // The validator runs the last path: NEON on every AArch64 processor, on
+    // x86-64 the widest the processor has.
     std::size_t count = 0;
-    ASSERT_STREQ(detail::availableUtf8CheckPaths(count)[count - 1].name, "neon");
+    const char* const fastest = detail::availableUtf8CheckPaths(count)[count - 1].name;
+#if defined(__aarch64__)
+    ASSERT_STREQ(fastest, "neon");
+#elif defined(__x86_64__)
+    ASSERT_STREQ(fastest, __builtin_cpu_supports("avx2") ? "avx2" : __builtin_cpu_supports("sse4.1") ? "sse4.1" : "scalar");
 #endif
     std::mt19937 random(20261122);
     static const std::uint32_t high[] = {0x7F, 0x7F, 0x7F, 0x7F, 0x7F, 0x7FF, 0x7FF, 0xFFFF, 0xFFFF, 0x10FFFF};
@@ -94,6 +101,48 @@ TEST(UTF8ValidatorTest, ValidatorsAgreeAndRepairHoldsOnRandomInput)
         }
         ASSERT_EQ(qor::test::validationDisagreements(bytes), "") << hex(bytes);
     }
+}
+
+// Every line of the public stress-test file that spells its bytes in hex
+// ("3.5.1 ... = fe = ..."): the 2.3 boundaries and 5.3 noncharacters are
+// strict, the rest is not; CESU-8 pairs of 5.2 repair to the one character.
+TEST(UTF8ValidatorTest, StressFileLinesSpelledInHex)
+{
+    const char* dir = std::getenv("QOR_TEST_DATA");
+    std::ifstream file(std::string(dir != nullptr ? dir : "tests/data") + "/UTF-8-test.txt", std::ios::binary);
+    // The id, then the two-digit hex words right before '= "'.
+    const std::regex spelled(R"(^(\d\.\d\.\d+) .*?((?:[0-9a-f]{2} )+) *= ")");
+    std::size_t checked = 0;
+    std::smatch match;
+    for (std::string line; std::getline(file, line);)
+    {
+        if (!std::regex_search(line, match, spelled))
+        {
+            continue;
+        }
+        std::istringstream words(match[2]);
+        std::string bytes;
+        for (unsigned byte = 0; words >> std::hex >> byte;)
+        {
+            bytes.push_back(static_cast<char>(byte));
+        }
+        ++checked;
+        SCOPED_TRACE(line);
+        const std::string id = match[1];
+        EXPECT_EQ(qor::test::isWellFormedUtf8(bytes),
+                  (id.compare(0, 4, "2.3.") == 0 && id != "2.3.5") || id.compare(0, 4, "5.3.") == 0);
+        ASSERT_EQ(qor::test::validationDisagreements(bytes), "") << hex(bytes);
+        if (id.compare(0, 4, "5.2.") == 0)
+        {
+            // ed a0 80 ed b0 80 (U+D800 U+DC00) is U+10000, and so on.
+            const unsigned high = (bytes[1] & 0x0Fu) << 6 | (bytes[2] & 0x3Fu);
+            const unsigned low = (bytes[4] & 0x0Fu) << 6 | (bytes[5] & 0x3Fu);
+            Utf8String expected;
+            expected.append(qor::common::types::utf8::Utf8Char(0x10000 + (high << 10) + low));
+            EXPECT_EQ(hex(repaired(bytes)), hex(expected.str()));
+        }
+    }
+    EXPECT_EQ(checked, 40u) << "UTF-8-test.txt under QOR_TEST_DATA";
 }
 
 TEST(UTF8ValidatorTest, RepairExamples)
